@@ -1,0 +1,37 @@
+/*
+ * The one way from an exception to an error code.
+ */
+#ifndef PRIV_ROVA_EXCEPTION_CONVERTER_H
+#define PRIV_ROVA_EXCEPTION_CONVERTER_H
+
+#include <stdbool.h>
+
+#include "rova_error.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/**
+ * Turns the exception that is being handled into a code, and logs it.
+ *
+ * Called inside a catch-all handler, while the caught exception is current. Does not throw, also
+ * when memory has run out. Callable from any thread.
+ *
+ * @param file      the handler's file.
+ * @param line      the handler's line.
+ * @param function  the function that handles.
+ * @param message   what that function was doing, for the log.
+ * @param flag      reserved; the callers of this release pass false.
+ * @return the code of a rova::exception, unchanged; for any other exception, and when there is
+ *         none, a code that is not ROVA_SUCCESS.
+ */
+ROVA_API rova_error_t priv_rova_exception_to_rova_error_imp(const char* file, int line,
+                                                            const char* function,
+                                                            const char* message, bool flag);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

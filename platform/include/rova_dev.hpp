@@ -1,0 +1,16 @@
+/*
+ * The device object as other components see it.
+ */
+#pragma once
+
+#include <memory>
+
+#include "device_abstraction/idevice_adapter.hpp"
+
+/**
+ * An open device. Owned by the device layer, which opens and closes it; it outlives every region
+ * that is registered with it. A non-null adapter is there from open to close.
+ */
+struct rova_dev {
+    std::shared_ptr<device_abstraction::idevice_adapter> device_adapter;
+};
