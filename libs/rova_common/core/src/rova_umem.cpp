@@ -220,6 +220,7 @@ try {
         return ROVA_ERROR_NO_MEMORY;
     }
 
+    const core::field_arena nodes;
     core::priv_rova_exporter exporter;
     exporter["version"] = {{"major", sc_umem_export_major_version},
                            {"minor", sc_umem_export_minor_version}};

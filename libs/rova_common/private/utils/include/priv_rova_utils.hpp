@@ -113,7 +113,8 @@ __attribute__((target("pclmul"))) inline uint32_t reduce(__m128i block)
 
     // Barrett: what remains of the value after the multiple of P that its upper half asks for.
     constexpr auto modulus = static_cast<int64_t>((uint64_t{polynomial} << 1) | 1);
-    const __m128i divide = _mm_set_epi64x(modulus, quotient());
+    constexpr int64_t inverse = quotient();
+    const __m128i divide = _mm_set_epi64x(modulus, inverse);
     const __m128i half = _mm_set_epi32(0, 0, 0, -1);
     const __m128i times =
         _mm_and_si128(_mm_clmulepi64_si128(_mm_and_si128(value, half), divide, 0x00), half);
