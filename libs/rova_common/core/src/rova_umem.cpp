@@ -22,6 +22,7 @@
 #include "priv_rova_umem_api.h"
 #include "rova_dev.hpp"
 #include "rova_exception.hpp"
+#include "rova_version.h"
 
 /** What applications hold: the region that it owns. */
 struct rova_umem {
@@ -197,10 +198,7 @@ try {
     m_page_size = importer["page_size"].get_uint64();
     m_access_flags = importer["access_flags"].get_uint32();
 
-    std::vector<uint8_t> block;
-    for (const core::export_field& byte : importer[attributes_key]) {
-        block.push_back(static_cast<uint8_t>(byte.get_uint32()));
-    }
+    const std::vector<uint8_t> block = importer[attributes_key].to_bytes();
     std::tie(m_handle, m_id) = tlox_adapter(m_dev)->import_umem(block.data(), block.size());
     return ROVA_SUCCESS;
 } catch (...) {
@@ -227,11 +225,7 @@ try {
     exporter["size"] = m_size;
     exporter["page_size"] = m_page_size;
     exporter["access_flags"] = m_access_flags;
-    exporter[attributes_key] = {nullptr};
-    core::export_proto attributes = exporter[attributes_key];
-    for (const uint8_t byte : block) {
-        attributes += {byte};
-    }
+    exporter[attributes_key] = core::export_proto::from_bytes(block);
 
     const uint8_t* export_blob = nullptr;
     size_t export_blob_length = 0;
@@ -543,4 +537,14 @@ priv_rova_umem* priv_rova_umem_from_rova_umem(const rova_umem* umem_obj)
         return nullptr;
     }
     return umem_obj->m_priv_umem;
+}
+
+/* ---- Version -------------------------------------------------------------------------------- */
+
+#define AS_TEXT(number) #number
+#define DOTTED(major, minor, patch) AS_TEXT(major) "." AS_TEXT(minor) "." AS_TEXT(patch)
+
+const char* rova_version_get()
+{
+    return DOTTED(ROVA_VERSION_MAJOR, ROVA_VERSION_MINOR, ROVA_VERSION_PATCH);
 }

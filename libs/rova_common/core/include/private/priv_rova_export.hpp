@@ -254,7 +254,7 @@ public:
 private:
     // Room for any node with what the shared pointer adds to it.
     static constexpr size_t largest_node_bytes = 128;
-    static constexpr size_t block_bytes = 4000;
+    static constexpr size_t block_bytes = 976;
 
     class block {
     public:
@@ -633,6 +633,7 @@ public:
     /** Two elements of which the first is a string: how a braced list writes a member. */
     bool is_key_val_pair() const override { return vec.size() == 2 && vec[0]->is_string(); }
 
+    void reserve(size_t count) { vec.reserve(count); }
     const std::vector<std::shared_ptr<export_field>>& elements() const { return vec; }
 
 private:
@@ -727,6 +728,17 @@ public:
     {}
     export_proto(std::nullptr_t) : val(field_arena::make<export_field_null>(nullptr, nullptr)) {}
 
+    /** An array with a number for every byte. */
+    static export_proto from_bytes(const std::vector<uint8_t>& bytes)
+    {
+        auto array = field_arena::make<export_field_array>(nullptr);
+        array->reserve(bytes.size());
+        for (const uint8_t byte : bytes) {
+            array->add({}, field_arena::make<export_field_uint32>(byte, nullptr));
+        }
+        return export_proto(std::move(array));
+    }
+
     export_proto(export_proto&&) = default;
     export_proto(const export_proto&) = delete;
     export_proto& operator=(const export_proto&) = delete;
@@ -781,6 +793,20 @@ public:
     uint64_t get_uint64() const { return val->get_uint64(); }
     double get_double() const { return val->get_double(); }
     std::string get_string() const { return val->get_string(); }
+
+    /** The low 8 bits of every number of an array; of anything else, nothing. */
+    std::vector<uint8_t> to_bytes() const
+    {
+        std::vector<uint8_t> bytes;
+        if (val->is_array()) {
+            const auto& elements = static_cast<const export_field_array&>(*val).elements();
+            bytes.reserve(elements.size());
+            for (const std::shared_ptr<export_field>& element : elements) {
+                bytes.push_back(static_cast<uint8_t>(element->get_uint32()));
+            }
+        }
+        return bytes;
+    }
 
     size_t length() const { return val->length(); }
     const export_field::iterator begin() const { return val->begin(); }
@@ -1157,9 +1183,10 @@ private:
     void traverse_array(json_object* jso, const std::string& key)
     {
         auto array = field_arena::make<export_field_array>(nullptr);
+        const size_t length = json_object_array_length(jso);
+        array->reserve(length);
         tmp_containers.back()->add(key, array);
         const filling scope(tmp_containers, array.get());
-        const size_t length = json_object_array_length(jso);
         for (size_t i = 0; i < length; ++i) {
             traverse(json_object_array_get_idx(jso, i), jso, nullptr, &i);
         }

@@ -1,0 +1,31 @@
+/*
+ * The version of the library: of the header at compile time, of the library at run time.
+ *
+ * The numbers count as semantic versioning has it; CONTRIBUTING.md says what raises which.
+ */
+#ifndef ROVA_VERSION_H
+#define ROVA_VERSION_H
+
+#include "rova_types.h"
+
+#define ROVA_VERSION_MAJOR 0
+#define ROVA_VERSION_MINOR 1
+#define ROVA_VERSION_PATCH 0
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/**
+ * The version of the library that runs, for example "0.1.0": the one to show, and to compare with
+ * the numbers above, which are those of the library that was compiled against.
+ *
+ * @return a text with static lifetime; never NULL. Callable from any thread.
+ */
+ROVA_API const char* rova_version_get(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
