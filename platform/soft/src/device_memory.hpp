@@ -1,0 +1,24 @@
+/*
+ * Memory that belongs to a device: filled with zeros, and with a descriptor of its own.
+ */
+#pragma once
+
+#include "mapping.hpp"
+
+namespace soft {
+
+class device_memory {
+public:
+    /** Takes `size` bytes, rounded up to whole pages; `name` shows up in the process's maps. */
+    device_memory(const char* name, size_t size);
+
+    void* address() const noexcept { return m_pages.get(); }
+    size_t size() const noexcept { return m_pages.get_deleter().length; }
+    int fd() const noexcept { return m_fd.get(); }
+
+private:
+    file_descriptor m_fd;
+    mapping m_pages;
+};
+
+}  // namespace soft
