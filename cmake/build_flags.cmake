@@ -16,8 +16,12 @@ if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
     set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Kind of build" FORCE)
 endif()
 
-# Messages show files as the repository names them, whatever folder it was checked out into.
-add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+# Messages show files as the repository names them, and neither the folder it was checked out into
+# nor that of the build gets into what is built.
+add_compile_options(
+    "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/="
+    "-ffile-prefix-map=${PROJECT_BINARY_DIR}=."
+)
 
 if(ROVA_SANITIZE)
     add_compile_options("-fsanitize=${ROVA_SANITIZE}" -fno-omit-frame-pointer

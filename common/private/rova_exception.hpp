@@ -1,8 +1,14 @@
-/*
+/**
+ * @file
+ * @defgroup exception Exception with a code (rova_exception.hpp)
+ * @ingroup internal_api
+ *
  * The exception that carries an SDK error code.
  *
  * It is thrown inside classes and by platform layers, and is turned back into its code before it
  * reaches a C caller: no exception ever crosses an exported function.
+ *
+ * @{
  */
 #pragma once
 
@@ -64,3 +70,5 @@ private:
 /** The place it stands in, for an exception or for the report of one. */
 #define ROVA_HERE \
     (::rova::exception::source_loc{__FILE__, __func__, static_cast<uint32_t>(__LINE__)})
+
+/** @} */

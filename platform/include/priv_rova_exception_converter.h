@@ -1,5 +1,11 @@
-/*
+/**
+ * @file
+ * @defgroup platform_exception_converter Exceptions to codes (priv_rova_exception_converter.h)
+ * @ingroup platform_interfaces
+ *
  * The one way from an exception to an error code.
+ *
+ * @{
  */
 #ifndef PRIV_ROVA_EXCEPTION_CONVERTER_H
 #define PRIV_ROVA_EXCEPTION_CONVERTER_H
@@ -33,5 +39,7 @@ ROVA_API rova_error_t priv_rova_exception_to_rova_error_imp(const char* file, in
 #ifdef __cplusplus
 }
 #endif
+
+/** @} */
 
 #endif

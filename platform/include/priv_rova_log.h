@@ -1,5 +1,11 @@
-/*
+/**
+ * @file
+ * @defgroup platform_log Log service (priv_rova_log.h)
+ * @ingroup platform_interfaces
+ *
  * The log service that a platform offers to the components of the SDK.
+ *
+ * @{
  */
 #ifndef PRIV_ROVA_LOG_H
 #define PRIV_ROVA_LOG_H
@@ -29,11 +35,17 @@ ROVA_API rova_error_t priv_rova_log_developer(uint32_t level, int source, const 
                                               int line, const char* function, const char* format,
                                               ...) __attribute__((format(printf, 6, 7)));
 
-/** The log source of code that lives in headers shared between components. Never 0. */
+/**
+ * The log source of code that lives in headers shared between components.
+ *
+ * @return its number; never 0.
+ */
 ROVA_API int priv_rova_log_get_header_source(void);
 
 #ifdef __cplusplus
 }
 #endif
+
+/** @} */
 
 #endif

@@ -1,5 +1,11 @@
-/*
+/**
+ * @file
+ * @defgroup platform_apx Accelerator layer (priv_rova_sub_dev_apx.h)
+ * @ingroup platform_interfaces
+ *
  * What the accelerator layer offers to other components.
+ *
+ * @{
  */
 #ifndef PRIV_ROVA_SUB_DEV_APX_H
 #define PRIV_ROVA_SUB_DEV_APX_H
@@ -26,11 +32,17 @@ struct priv_rova_sub_dev_apx_ops {
                                             uint64_t* base_offset);
 };
 
-/** The accelerator layer's callbacks, constant and complete, or NULL when it is not there. */
+/**
+ * The accelerator layer's callbacks.
+ *
+ * @return the callbacks, constant and complete, or NULL when the layer is not there.
+ */
 ROVA_API const struct priv_rova_sub_dev_apx_ops* priv_rova_sub_dev_apx_ops_get(void);
 
 #ifdef __cplusplus
 }
 #endif
+
+/** @} */
 
 #endif

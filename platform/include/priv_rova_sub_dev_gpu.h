@@ -1,5 +1,11 @@
-/*
+/**
+ * @file
+ * @defgroup platform_gpu GPU layer (priv_rova_sub_dev_gpu.h)
+ * @ingroup platform_interfaces
+ *
  * What the GPU layer offers to other components.
+ *
+ * @{
  */
 #ifndef PRIV_ROVA_SUB_DEV_GPU_H
 #define PRIV_ROVA_SUB_DEV_GPU_H
@@ -21,11 +27,17 @@ struct priv_rova_sub_dev_gpu_ops {
                                      int* dmabuf_fd);
 };
 
-/** The GPU layer's callbacks, constant and complete, or NULL when it is not there. */
+/**
+ * The GPU layer's callbacks.
+ *
+ * @return the callbacks, constant and complete, or NULL when the layer is not there.
+ */
 ROVA_API const struct priv_rova_sub_dev_gpu_ops* priv_rova_sub_dev_gpu_ops_get(void);
 
 #ifdef __cplusplus
 }
 #endif
+
+/** @} */
 
 #endif

@@ -1,5 +1,11 @@
-/*
+/**
+ * @file
+ * @defgroup platform_dev Device (rova_dev.hpp)
+ * @ingroup platform_interfaces
+ *
  * The device object as other components see it.
+ *
+ * @{
  */
 #pragma once
 
@@ -12,5 +18,8 @@
  * that is registered with it. A non-null adapter is there from open to close.
  */
 struct rova_dev {
+    /** What the device can be asked to do. */
     std::shared_ptr<device_abstraction::idevice_adapter> device_adapter;
 };
+
+/** @} */

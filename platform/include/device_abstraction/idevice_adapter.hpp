@@ -1,5 +1,11 @@
-/*
+/**
+ * @file
+ * @defgroup platform_device_adapter Device adapter (device_abstraction/idevice_adapter.hpp)
+ * @ingroup platform_interfaces
+ *
  * What a device gives access to.
+ *
+ * @{
  */
 #pragma once
 
@@ -15,10 +21,13 @@ public:
     virtual ~idevice_adapter() = default;
 
     /**
-     * The device's object adapter; never null while the device is open. A caller holds it for one
-     * operation and lets it go.
+     * The device's object adapter. A caller holds it for one operation and lets it go.
+     *
+     * @return the adapter; never null while the device is open.
      */
     virtual std::shared_ptr<itlox_adapter> get_tlox_adapter() noexcept = 0;
 };
 
 }  // namespace device_abstraction
+
+/** @} */

@@ -1,4 +1,7 @@
-/*
+/**
+ * @file
+ * @defgroup export_framework Export framework (priv_rova_export.hpp)
+ *
  * The export framework: how a component describes an object to another process.
  *
  * An object is described as a tree of typed fields, which is printed as JSON and wrapped in an
@@ -14,6 +17,8 @@
  * Failures are thrown, as rova::exception with a code and the place, and caught by the exported
  * functions of the component; nothing here catches. Objects are used by one thread at a time, and
  * separate trees are independent; a node may be released on another thread than it was made on.
+ *
+ * @{
  */
 #pragma once
 
@@ -40,7 +45,11 @@
 
 namespace core {
 
-/* ==== 1. The envelope ======================================================================== */
+/**
+ * @defgroup export_envelope 1. The envelope
+ * @ingroup export_framework
+ * @{
+ */
 
 /** Bytes that the holder owns, and their number. */
 using export_buf_ptr = std::pair<std::vector<uint8_t>, uint32_t>;
@@ -221,7 +230,13 @@ public:
     }
 };
 
-/* ==== 2. The field tree ====================================================================== */
+/** @} */
+
+/**
+ * @defgroup export_tree 2. The field tree
+ * @ingroup export_framework
+ * @{
+ */
 
 /**
  * Memory for the nodes of a tree.
@@ -254,6 +269,7 @@ public:
 private:
     // Room for any node with what the shared pointer adds to it.
     static constexpr size_t largest_node_bytes = 128;
+    static constexpr size_t node_alignment = alignof(void*);
     static constexpr size_t block_bytes = 976;
 
     class block {
@@ -287,7 +303,7 @@ private:
         std::atomic<size_t> m_left{never_reached};
         size_t m_taken = 0;
         size_t m_used = 0;
-        alignas(std::max_align_t) unsigned char m_nodes[block_bytes];
+        alignas(node_alignment) unsigned char m_nodes[block_bytes];
     };
 
     /** Remembers in each node where it came from: a block, or the heap where there was no arena. */
@@ -302,7 +318,8 @@ private:
 
         T* allocate(size_t count)
         {
-            static_assert(sizeof(T) <= largest_node_bytes && sizeof(T) % alignof(T) == 0);
+            static_assert(sizeof(T) <= largest_node_bytes && alignof(T) <= node_alignment &&
+                          sizeof(T) % node_alignment == 0);
             return m_block != nullptr ? static_cast<T*>(m_block->take(count * sizeof(T)))
                                       : std::allocator<T>().allocate(count);
         }
@@ -333,9 +350,8 @@ private:
     block* block_with_room()
     {
         if (m_block == nullptr || !m_block->has_room()) {
-            auto next = std::unique_ptr<block>(new block);
             leave_block();
-            m_block = next.release();
+            m_block = new block;
         }
         return m_block;
     }
@@ -686,7 +702,13 @@ private:
     std::map<std::string, std::shared_ptr<export_field>> map;
 };
 
-/* ==== 3. The proto =========================================================================== */
+/** @} */
+
+/**
+ * @defgroup export_builder 3. The proto
+ * @ingroup export_framework
+ * @{
+ */
 
 /**
  * A value-like handle on a node, by which trees are written and read.
@@ -854,7 +876,13 @@ private:
     }
 };
 
-/* ==== 4. JSON ================================================================================ */
+/** @} */
+
+/**
+ * @defgroup export_json 4. JSON
+ * @ingroup export_framework
+ * @{
+ */
 
 /** Visits the nodes of a tree, and stands for the text form that they get. */
 class export_field_serializer {
@@ -1205,7 +1233,13 @@ private:
     std::list<export_field*> tmp_containers;
 };
 
-/* ==== 5. Both ends =========================================================================== */
+/** @} */
+
+/**
+ * @defgroup export_ends 5. Both ends
+ * @ingroup export_framework
+ * @{
+ */
 
 /** A proto that can be written as a descriptor. Owns the bytes of the last one. */
 class priv_rova_exporter : public export_proto {
@@ -1258,4 +1292,8 @@ private:
     explicit priv_rova_importer(std::shared_ptr<export_field> val) : export_proto(std::move(val)) {}
 };
 
+/** @} */
+
 }  // namespace core
+
+/** @} */

@@ -1,9 +1,15 @@
-/*
+/**
+ * @file
+ * @defgroup priv_umem The region and its bridge (priv_rova_umem.hpp)
+ * @ingroup internal_api
+ *
  * The memory region object, and the bridge through which it talks to the outside.
  *
  * The object's own methods are inline, so that every component of the SDK can use it; whatever
  * reaches the device or accelerator layer goes through priv_rova_umem_bridge, which the library
  * exports.
+ *
+ * @{
  */
 #pragma once
 
@@ -60,10 +66,13 @@ extern "C" {
  * @param umem  the region; not null.
  * @param cmd   the command.
  * @param data  what commands 1, 2 and 3 need; ignored by the others.
- * @return ROVA_ERROR_UNEXPECTED: no such command; ROVA_ERROR_INVALID_VALUE: `data` is null and the
- *         command needs it; otherwise the result of the command. A failed command leaves the
- *         region as it was, but for an accelerator's umem id, which may have been written, and an
- *         import, after which the region is only good for destruction.
+ * @return
+ *  - ROVA_ERROR_UNEXPECTED: no such command;
+ *  - ROVA_ERROR_INVALID_VALUE: `data` is null and the command needs it;
+ *  - otherwise the result of the command.
+ *
+ * A failed command leaves the region as it was, but for an accelerator's umem id, which may have
+ * been written, and an import, after which the region is only good for destruction.
  */
 ROVA_API rova_error_t priv_rova_umem_bridge(priv_rova_umem* umem, priv_rova_umem_bridge_cmd cmd,
                                             priv_rova_umem_bridge_cmd_data* data);
@@ -270,3 +279,5 @@ private:
     uint32_t m_id = 0;
     std::vector<uint8_t> m_export_desc;
 };
+
+/** @} */

@@ -1,8 +1,14 @@
-/*
+/**
+ * @file
+ * @defgroup error Error codes (rova_error.h)
+ * @ingroup public_api
+ *
  * Error codes of the SDK.
  *
  * Every exported function that can fail returns one of these. The values are part of the binary
  * interface: a value is never reused and never changes its meaning.
+ *
+ * @{
  */
 #ifndef ROVA_ERROR_H
 #define ROVA_ERROR_H
@@ -63,5 +69,7 @@ ROVA_API const char* rova_error_get_name(rova_error_t error);
 #ifdef __cplusplus
 }
 #endif
+
+/** @} */
 
 #endif

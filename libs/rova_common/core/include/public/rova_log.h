@@ -1,5 +1,11 @@
-/*
+/**
+ * @file
+ * @defgroup log Log levels and sources (rova_log.h)
+ * @ingroup public_api
+ *
  * Log levels of the SDK, and the registration of what logs.
+ *
+ * @{
  */
 #ifndef ROVA_LOG_H
 #define ROVA_LOG_H
@@ -37,5 +43,7 @@ ROVA_API rova_error_t rova_log_register_source(const char* source_name, int* sou
 #ifdef __cplusplus
 }
 #endif
+
+/** @} */
 
 #endif

@@ -1,6 +1,12 @@
-/*
+/**
+ * @file
+ * @defgroup types Basic types (rova_types.h)
+ * @ingroup public_api
+ *
  * Basic types of the SDK: the fixed-width integers, and the objects that callers only ever hold
  * pointers to.
+ *
+ * @{
  */
 #ifndef ROVA_TYPES_H
 #define ROVA_TYPES_H
@@ -33,5 +39,7 @@ struct rova_umem; /**< a registered memory region; see rova_umem.h */
 #ifdef __cplusplus
 }
 #endif
+
+/** @} */
 
 #endif

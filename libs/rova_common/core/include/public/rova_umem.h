@@ -1,4 +1,8 @@
-/*
+/**
+ * @file
+ * @defgroup umem Memory regions (rova_umem.h)
+ * @ingroup public_api
+ *
  * Memory regions (umem): memory that is registered with a network device.
  *
  * A region makes a range of memory known to a device, so that the device may access it. The memory
@@ -6,7 +10,7 @@
  * region has a 32-bit umem id that the device knows it by. Destroying the region ends the
  * registration.
  *
- * Conventions
+ * @par Conventions
  *  - Every call returns ROVA_SUCCESS or says what went wrong. It writes an output on success only;
  *    after a failure every output and every object is as it was.
  *  - Arguments are checked in the order of the checks that a call lists. The first that fails is
@@ -20,6 +24,8 @@
  *  - No call throws, starts a thread, or keeps a lock.
  *
  * All of these functions are experimental: their form may change in any release.
+ *
+ * @{
  */
 #ifndef ROVA_UMEM_H
 #define ROVA_UMEM_H
@@ -40,10 +46,11 @@ extern "C" {
  * @param access_flags  what the device may do with the memory.
  * @param umem_obj      receives the region; not NULL. End it with rova_umem_destroy.
  *
- * @return ROVA_ERROR_INVALID_VALUE: an argument is refused, in the order above;
- *         ROVA_ERROR_NO_MEMORY: memory for the region itself ran out;
- *         any other code: the device's own, when it refuses the registration.
- *         Nothing is registered then.
+ * @return
+ *  - ROVA_ERROR_INVALID_VALUE: an argument is refused, in the order above;
+ *  - ROVA_ERROR_NO_MEMORY: memory for the region itself ran out;
+ *  - any other code: the device's own, when it refuses the registration. Nothing is registered
+ *    then.
  */
 ROVA_EXPERIMENTAL rova_error_t rova_umem_create(const struct rova_dev* dev, void* address,
                                                 size_t size, uint32_t access_flags,
@@ -63,12 +70,12 @@ ROVA_EXPERIMENTAL rova_error_t rova_umem_create(const struct rova_dev* dev, void
  * @param access_flags  what the device may do with the memory.
  * @param umem_obj      receives the region; not NULL. End it with rova_umem_destroy.
  *
- * @return ROVA_ERROR_INVALID_VALUE: an argument is refused: gpu, size, umem_obj, and after those
- *           whatever the way of registering refuses (dev, address);
- *         ROVA_ERROR_BAD_STATE: there is no GPU layer;
- *         ROVA_ERROR_NO_MEMORY: memory for the region itself ran out;
- *         any other code: the device's own, from registering by address. Nothing is registered
- *         then.
+ * @return
+ *  - ROVA_ERROR_INVALID_VALUE: an argument is refused: gpu, size, umem_obj, and after those
+ *    whatever the way of registering refuses (dev, address);
+ *  - ROVA_ERROR_BAD_STATE: there is no GPU layer;
+ *  - ROVA_ERROR_NO_MEMORY: memory for the region itself ran out;
+ *  - any other code: the device's own, from registering by address. Nothing is registered then.
  */
 ROVA_EXPERIMENTAL rova_error_t rova_umem_gpu_create(struct rova_gpu* gpu, struct rova_dev* dev,
                                                     void* address, size_t size,
@@ -85,11 +92,11 @@ ROVA_EXPERIMENTAL rova_error_t rova_umem_gpu_create(struct rova_gpu* gpu, struct
  * @param access_flags  kept with the region.
  * @param umem_obj      receives the region; not NULL. End it with rova_umem_destroy.
  *
- * @return ROVA_ERROR_INVALID_VALUE: an argument is refused: apx, size, umem_obj;
- *         ROVA_ERROR_INITIALIZATION: there is no accelerator layer;
- *         ROVA_ERROR_NO_MEMORY: memory for the region itself ran out;
- *         any other code: the accelerator layer's own, when it has no umem id or knows no such
- *         address.
+ * @return
+ *  - ROVA_ERROR_INVALID_VALUE: an argument is refused: apx, size, umem_obj;
+ *  - ROVA_ERROR_INITIALIZATION: there is no accelerator layer;
+ *  - ROVA_ERROR_NO_MEMORY: memory for the region itself ran out;
+ *  - any other code: the accelerator layer's own, when it has no umem id or knows no such address.
  */
 ROVA_EXPERIMENTAL rova_error_t rova_umem_apx_create(struct rova_apx* apx, uint64_t address,
                                                     size_t size, uint32_t access_flags,
@@ -100,9 +107,10 @@ ROVA_EXPERIMENTAL rova_error_t rova_umem_apx_create(struct rova_apx* apx, uint64
  *
  * @param umem_obj  the region; not NULL. Not to be used any more after success.
  *
- * @return ROVA_ERROR_INVALID_VALUE: umem_obj is NULL;
- *         any other code: the device's own, when it cannot end the registration. The region is
- *         alive and registered then, and can be destroyed later.
+ * @return
+ *  - ROVA_ERROR_INVALID_VALUE: umem_obj is NULL;
+ *  - any other code: the device's own, when it cannot end the registration. The region is alive and
+ *    registered then, and can be destroyed later.
  */
 ROVA_EXPERIMENTAL rova_error_t rova_umem_destroy(struct rova_umem* umem_obj);
 
@@ -141,5 +149,7 @@ ROVA_EXPERIMENTAL rova_error_t rova_umem_get_address(const struct rova_umem* ume
 #ifdef __cplusplus
 }
 #endif
+
+/** @} */
 
 #endif

@@ -1,15 +1,24 @@
-/*
+/**
+ * @file
+ * @defgroup version Version (rova_version.h)
+ * @ingroup public_api
+ *
  * The version of the library: of the header at compile time, of the library at run time.
  *
  * The numbers count as semantic versioning has it; CONTRIBUTING.md says what raises which.
+ *
+ * @{
  */
 #ifndef ROVA_VERSION_H
 #define ROVA_VERSION_H
 
 #include "rova_types.h"
 
+/** Major number of the header's version. */
 #define ROVA_VERSION_MAJOR 0
+/** Minor number of the header's version. */
 #define ROVA_VERSION_MINOR 1
+/** Patch number of the header's version. */
 #define ROVA_VERSION_PATCH 0
 
 #ifdef __cplusplus
@@ -27,5 +36,7 @@ ROVA_API const char* rova_version_get(void);
 #ifdef __cplusplus
 }
 #endif
+
+/** @} */
 
 #endif

@@ -1,5 +1,11 @@
-/*
+/**
+ * @file
+ * @defgroup utils Checksum and scrambling (priv_rova_utils.hpp)
+ * @ingroup export_framework
+ *
  * Checksum and scrambling of the bytes that leave the process.
+ *
+ * @{
  */
 #pragma once
 
@@ -201,3 +207,5 @@ inline void priv_rova_utils_scramble_descramble(void* dest, const void* src, siz
         out[i] = static_cast<uint8_t>(in[i] ^ (static_cast<size_t>(xor_key) + i));
     }
 }
+
+/** @} */
