@@ -1,0 +1,62 @@
+/*
+ * A look at an export descriptor that needs neither a device nor the process that made it.
+ */
+#pragma once
+
+#include <json-c/json.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "text.hpp"
+
+namespace tool {
+
+struct json_putter {
+    void operator()(json_object* value) const noexcept { json_object_put(value); }
+};
+using json_ptr = std::unique_ptr<json_object, json_putter>;
+
+/** Something that keeps a descriptor from being imported. */
+struct damage {
+    size_t offset;  ///< the byte of the descriptor that it was found at
+    std::string text;
+};
+
+struct descriptor_header {
+    uint32_t checksum;
+    uint32_t computed_checksum;
+    uint8_t major;
+    uint16_t minor;
+    uint16_t header_length;
+    uint32_t payload_length;
+};
+
+/** Everything that can be said about a descriptor; what cannot be read is absent. */
+struct descriptor_report {
+    size_t length = 0;
+    std::optional<descriptor_header> header;
+    byte_vector payload;  ///< as plain text, as far as it is there
+    json_ptr document;    ///< the payload, parsed
+    std::optional<uint64_t> size;
+    std::optional<uint64_t> page_size;
+    std::optional<uint32_t> access_flags;
+    std::optional<byte_vector> device_block;
+    std::vector<damage> damages;
+    std::vector<std::string> remarks;
+};
+
+/** The member that carries the device layer's own export. */
+inline constexpr const char* device_block_key = "tlox_umem_exported_attributes";
+
+/** Reads a descriptor file, "-" for standard input. What is far too large for one is refused. */
+byte_vector read_descriptor(const std::string& path);
+
+/** Looks at all of it; damage is reported, never thrown. */
+descriptor_report examine(const byte_vector& bytes);
+
+}  // namespace tool
