@@ -1,0 +1,78 @@
+// Hands a region over through its descriptor, has a registration refused, and compares the versions
+// of header and library.
+#include <iostream>
+#include <stdexcept>
+#include <string>
+
+#include "priv_rova_umem_api.h"
+#include "rova_soft_platform.h"
+#include "rova_umem.h"
+#include "rova_version.h"
+
+namespace {
+
+void must(rova_error_t code, rova_error_t wanted = ROVA_SUCCESS)
+{
+    if (code != wanted) {
+        throw std::runtime_error(rova_error_get_name(code));
+    }
+}
+
+void check_version()
+{
+    const std::string header = std::to_string(ROVA_VERSION_MAJOR) + '.' +
+                               std::to_string(ROVA_VERSION_MINOR) + '.' +
+                               std::to_string(ROVA_VERSION_PATCH);
+    if (header != rova_version_get()) {
+        throw std::runtime_error("the header is of version " + header +
+                                 ", the library of version " + rova_version_get());
+    }
+}
+
+std::string through_a_descriptor(rova_dev* dev, std::string text)
+{
+    priv_rova_umem* region = nullptr;
+    must(priv_rova_umem_create(dev, text.data(), text.size(), ROVA_SOFT_ACCESS_READ, &region));
+    void* descriptor = nullptr;
+    size_t length = 0;
+    must(priv_rova_umem_export(region, &descriptor, &length));
+
+    priv_rova_umem* imported = nullptr;
+    must(priv_rova_umem_create_from_export(dev, descriptor, length, text.data(), &imported));
+    uint32_t id = 0;
+    must(priv_rova_umem_id_get(imported, &id));
+    std::string seen(text.size(), '\0');
+    must(rova_soft_dev_read(dev, id, 0, seen.data(), seen.size()));
+
+    must(priv_rova_umem_destroy(imported));
+    must(priv_rova_umem_destroy(region));
+    return seen;
+}
+
+// The refusal travels from the platform to the component as an exception.
+void check_refusal(rova_dev* dev)
+{
+    char byte = 0;
+    rova_umem* region = nullptr;
+    must(rova_soft_log_set_level(ROVA_LOG_LEVEL_DISABLE));
+    must(rova_umem_create(dev, &byte, SIZE_MAX, ROVA_SOFT_ACCESS_READ, &region),
+         ROVA_ERROR_INVALID_VALUE);
+}
+
+}  // namespace
+
+int main()
+{
+    try {
+        check_version();
+        rova_dev* dev = nullptr;
+        must(rova_soft_dev_open(&dev));
+        std::cout << through_a_descriptor(dev, "Hello, other region!") << '\n';
+        check_refusal(dev);
+        must(rova_soft_dev_close(dev));
+        return 0;
+    } catch (const std::exception& error) {
+        std::cerr << error.what() << '\n';
+        return 1;
+    }
+}

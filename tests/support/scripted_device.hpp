@@ -1,0 +1,167 @@
+/*
+ * A device that does as it is told: it keeps account of what it is asked for, and fails on demand.
+ */
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <new>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "rova_dev.hpp"
+#include "rova_exception.hpp"
+
+namespace support {
+
+/** A way to fail, and the code that callers see then. */
+struct failure {
+    const char* label;
+    rova_error_t code;
+    std::function<void()> raise;
+};
+
+inline failure failing_with(rova_error_t code)
+{
+    return {"with a code", code, [=] { throw rova::exception(code, "scripted", ROVA_HERE); }};
+}
+
+inline const std::vector<failure> every_failure = {
+    failing_with(ROVA_ERROR_DRIVER),
+    {"with a standard exception", ROVA_ERROR_UNEXPECTED,
+     [] { throw std::runtime_error("scripted"); }},
+    {"with what is no exception", ROVA_ERROR_UNEXPECTED, [] { throw 42; }},
+    {"without memory", ROVA_ERROR_NO_MEMORY, [] { throw std::bad_alloc(); }},
+};
+
+/** The object adapter. Handles are umem ids, 100, 101, ...; nothing is ever read through them. */
+class scripted_tlox final : public device_abstraction::itlox_adapter {
+public:
+    using result = std::pair<tlox_umem*, uint32_t>;
+
+    result register_umem(void* address, size_t size, uint32_t access_flags,
+                         size_t page_size) override
+    {
+        note("register_umem", address, size, access_flags, page_size);
+        return add();
+    }
+
+    result register_umem_dmabuf(int dmabuf_fd, void* address, size_t dmabuf_offset, size_t size,
+                                uint32_t access_flags, size_t page_size) override
+    {
+        note("register_umem_dmabuf", dmabuf_fd, address, dmabuf_offset, size, access_flags,
+             page_size);
+        return add();
+    }
+
+    rova_error_t deregister_umem(tlox_umem* umem) noexcept override
+    try {
+        note("deregister_umem", id_of(umem));
+        remove(umem);
+        return ROVA_SUCCESS;
+    } catch (const rova::exception& e) {
+        return e.error_code();
+    } catch (...) {
+        return ROVA_ERROR_UNKNOWN;
+    }
+
+    std::vector<uint8_t> export_umem(tlox_umem* umem) override
+    {
+        note("export_umem", id_of(umem));
+        return m_block;
+    }
+
+    result import_umem(const uint8_t* block, size_t block_length) override
+    {
+        m_imported.assign(block, block + block_length);
+        note("import_umem", block_length);
+        return add();
+    }
+
+    void release_umem(tlox_umem* umem) override
+    {
+        note("release_umem", id_of(umem));
+        remove(umem);
+    }
+
+    /** Makes an operation fail from now on. */
+    void fail(const std::string& operation, const failure& how)
+    {
+        m_failures[operation] = how.raise;
+    }
+
+    void recover() { m_failures.clear(); }
+
+    /** The calls since the last time, in words. */
+    std::vector<std::string> take_calls() { return std::exchange(m_calls, {}); }
+
+    size_t live() const { return m_live.size(); }
+
+    std::vector<uint8_t> m_block = {1, 0, 0, 0, 0x2A, 0x10, 0, 0x80};  // what export gives
+    std::vector<uint8_t> m_imported;                                   // what import got last
+
+private:
+    static uint64_t id_of(tlox_umem* umem) { return reinterpret_cast<uintptr_t>(umem); }
+
+    result add()
+    {
+        const auto umem = reinterpret_cast<tlox_umem*>(uintptr_t{m_next_id});
+        m_live.insert(umem);
+        return {umem, m_next_id++};
+    }
+
+    void remove(tlox_umem* umem)
+    {
+        if (m_live.erase(umem) == 0) {
+            throw rova::exception(ROVA_ERROR_NOT_FOUND, "no such registration", ROVA_HERE);
+        }
+    }
+
+    // Writes the call down, and fails it if that is its part.
+    template <class... arguments>
+    void note(const char* operation, const arguments&... values)
+    {
+        std::ostringstream text;
+        text << operation;
+        ((text << ' ' << values), ...);
+        m_calls.push_back(text.str());
+        if (const auto found = m_failures.find(operation); found != m_failures.end()) {
+            found->second();
+        }
+    }
+
+    uint32_t m_next_id = 100;
+    std::set<tlox_umem*> m_live;
+    std::vector<std::string> m_calls;
+    std::map<std::string, std::function<void()>> m_failures;
+};
+
+/** The device around it. */
+class scripted_device : public rova_dev {
+public:
+    scripted_device() { device_adapter = std::make_shared<adapter>(m_tlox); }
+
+    scripted_tlox* operator->() const { return m_tlox.get(); }
+
+    /** How many hold the object adapter beside the device itself. */
+    long borrowers() const { return m_tlox.use_count() - 2; }
+
+private:
+    struct adapter final : device_abstraction::idevice_adapter {
+        explicit adapter(std::shared_ptr<scripted_tlox> tlox) : m_tlox(std::move(tlox)) {}
+        std::shared_ptr<device_abstraction::itlox_adapter> get_tlox_adapter() noexcept override
+        {
+            return m_tlox;
+        }
+        std::shared_ptr<scripted_tlox> m_tlox;
+    };
+
+    std::shared_ptr<scripted_tlox> m_tlox = std::make_shared<scripted_tlox>();
+};
+
+}  // namespace support
