@@ -1,0 +1,60 @@
+/*
+ * The software device's own block, with the input laid over a good one: zeros leave a byte as it
+ * is, and more bytes than the block has lengthen it.
+ */
+#include <algorithm>
+#include <vector>
+
+#include "device_abstraction/idevice_adapter.hpp"
+#include "priv_rova_umem_api.h"
+#include "rova_dev.hpp"
+#include "rova_exception.hpp"
+#include "target.hpp"
+
+namespace {
+
+/** Memory that one device exports and another may import. */
+struct exported_memory {
+    exported_memory()
+    {
+        require(rova_soft_dev_open(&exporter) == ROVA_SUCCESS &&
+                    rova_soft_dev_open(&importer) == ROVA_SUCCESS,
+                "devices open");
+        const auto adapter = exporter->device_adapter->get_tlox_adapter();
+        block = adapter->export_umem(
+            adapter->register_umem(memory, sizeof(memory), ROVA_SOFT_ACCESS_READ, 4096).first);
+    }
+
+    rova_dev* exporter = nullptr;
+    rova_dev* importer = nullptr;
+    char memory[64] = {};
+    std::vector<uint8_t> block;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    static const bool quiet = be_quiet();
+    static const exported_memory exported;
+    require(quiet, "the log is quiet");
+
+    std::vector<uint8_t> block = exported.block;
+    block.resize(std::max(block.size(), size));
+    std::transform(data, data + size, block.begin(), block.begin(),
+                   [](uint8_t laid_over, uint8_t byte) { return laid_over ^ byte; });
+
+    const auto adapter = exported.importer->device_adapter->get_tlox_adapter();
+    try {
+        const auto [handle, id] = adapter->import_umem(block.data(), block.size());
+        require(block == exported.block, "only a good block is taken");
+        char bytes[sizeof(exported.memory)];
+        require(rova_soft_dev_read(exported.importer, id, 0, bytes, sizeof(bytes)) == ROVA_SUCCESS,
+                "what was imported can be read");
+        require(adapter->deregister_umem(handle) == ROVA_SUCCESS, "and can be ended");
+    } catch (const rova::exception& refused) {
+        require(block != exported.block, "a good block is taken");
+        require(refused.error_code() != ROVA_SUCCESS, "a refusal has a code");
+    }
+    return 0;
+}

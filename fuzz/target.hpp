@@ -1,0 +1,29 @@
+/*
+ * What the fuzz targets share.
+ */
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+#include "rova_log.h"
+#include "rova_soft_platform.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+/** Ends the process, so that the fuzzer keeps the input, when something does not hold. */
+inline void require(bool holds, const char* what)
+{
+    if (!holds) {
+        std::fprintf(stderr, "does not hold: %s\n", what);
+        std::abort();
+    }
+}
+
+/** Nearly every input is refused, and each refusal is logged: nobody reads those. */
+inline bool be_quiet()
+{
+    return rova_soft_log_set_level(ROVA_LOG_LEVEL_DISABLE) == ROVA_SUCCESS;
+}
