@@ -1,0 +1,393 @@
+/*
+ * Times beside their floors: a table of ratios for people, and the same as JSON.
+ *
+ * A row's two sides run in the same process, repetition by repetition in random order, so that a
+ * slow moment of the machine falls on both. A ratio is that of the medians of their CPU times.
+ */
+#include <benchmark/benchmark.h>
+#include <json-c/json.h>
+#include <malloc.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "priv_rova_umem.hpp"
+#include "priv_rova_utils.hpp"
+#include "subjects.hpp"
+
+namespace {
+
+constexpr int repetitions = 25;
+constexpr double seconds_per_repetition = 0.01;
+constexpr uint32_t checksum_polynomial = 0x04C11DB7;
+constexpr char scrambling_key = 0x4E;
+
+/** One line of the table. `ours` is what the library needs, `floor` what it stands beside. */
+struct row {
+    std::string what;
+    std::string beside;
+    std::string unit;
+    double ours;
+    double floor;
+    double at_most;
+
+    double ratio() const { return ours / floor; }
+    bool met() const { return ours <= floor * at_most; }
+};
+
+using side = std::function<void(benchmark::State&)>;
+
+// ---- Running a pair --------------------------------------------------------------------------
+
+/** Keeps the time of every repetition, by side. */
+class times_reporter final : public benchmark::BenchmarkReporter {
+public:
+    bool ReportContext(const Context&) override { return true; }
+
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        for (const Run& run : runs) {
+            if (run.run_type == Run::RT_Iteration) {
+                m_times[run.run_name.function_name].push_back(run.GetAdjustedCPUTime());
+            }
+        }
+    }
+
+    double median(const std::string& name)
+    {
+        std::vector<double>& times = m_times.at(name);
+        const auto middle = times.begin() + static_cast<ptrdiff_t>(times.size() / 2);
+        std::nth_element(times.begin(), middle, times.end());
+        return *middle;
+    }
+
+private:
+    std::map<std::string, std::vector<double>> m_times;
+};
+
+row measure(const std::string& what, const side& ours, const std::string& beside, const side& floor,
+            double at_most)
+{
+    benchmark::ClearRegisteredBenchmarks();
+    for (const auto& [name, run] : {std::make_pair("ours", ours), std::make_pair("floor", floor)}) {
+        benchmark::RegisterBenchmark(name, run)
+            ->Repetitions(repetitions)
+            ->MinTime(seconds_per_repetition);
+    }
+    times_reporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter, "all");
+    std::fprintf(stderr, "%s, beside %s\n", what.c_str(), beside.c_str());
+    return {what, beside, "ns", reporter.median("ours"), reporter.median("floor"), at_most};
+}
+
+// ---- Sides -----------------------------------------------------------------------------------
+
+/** A side that does one thing, over and over. */
+template <typename step_function>
+side repeat(step_function step)
+{
+    return [step](benchmark::State& state) {
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(step());
+        }
+    };
+}
+
+/** A side that does something once to each of many regions, which are made and ended untimed. */
+template <typename make_function, typename step_function>
+void repeat_on_regions(benchmark::State& state, size_t length, make_function make,
+                       step_function step)
+{
+    // Stopping the clock costs about a microsecond; few large descriptors fit in a cache.
+    const size_t batch = std::max<size_t>(1, 4096 / length);
+    std::vector<bench::region> regions(batch);
+    while (state.KeepRunningBatch(static_cast<benchmark::IterationCount>(batch))) {
+        state.PauseTiming();
+        for (bench::region& region : regions) {
+            region = make();
+        }
+        state.ResumeTiming();
+        for (bench::region& region : regions) {
+            step(region);
+        }
+    }
+}
+
+void export_once(bench::region& region)
+{
+    void* bytes = nullptr;
+    size_t length = 0;
+    benchmark::DoNotOptimize(priv_rova_umem_export(region.get(), &bytes, &length));
+    benchmark::DoNotOptimize(bytes);
+}
+
+side first_export(size_t length)
+{
+    return [length](benchmark::State& state) {
+        bench::scripted_device device(length);
+        repeat_on_regions(
+            state, length, [&] { return device.make_region(); }, export_once);
+    };
+}
+
+side import(size_t length)
+{
+    return [length](benchmark::State& state) {
+        bench::scripted_device device(length);
+        const auto descriptor = bench::export_region(device.make_region().get());
+        repeat_on_regions(
+            state, length, [] { return bench::region(); },
+            [&](bench::region& region) { region = device.import_region(descriptor); });
+    };
+}
+
+side floor_export(size_t length)
+{
+    return repeat(
+        [block = bench::device_block(length)] { return bench::json_floor_export(block); });
+}
+
+side floor_import(size_t length)
+{
+    return repeat(
+        [text = bench::descriptor_text(length)] { return bench::json_floor_import(text); });
+}
+
+void register_and_deregister(benchmark::State& state)
+{
+    bench::scripted_device device(1);
+    char memory = 0;
+    priv_rova_umem* region = nullptr;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(
+            priv_rova_umem_create_pg_sz(device.dev(), &memory, 1, 1, 0, &region));
+        benchmark::DoNotOptimize(priv_rova_umem_destroy(region));
+    }
+}
+
+void adapter_calls_and_new(benchmark::State& state)
+{
+    struct alignas(priv_rova_umem) region_sized {
+        char bytes[sizeof(priv_rova_umem)];
+    };
+    bench::scripted_device device(1);
+    char memory = 0;
+    for (auto _ : state) {
+        const std::unique_ptr<region_sized> object(new region_sized);
+        benchmark::DoNotOptimize(object.get());
+        const auto made = device.adapter().register_umem(&memory, 1, 0, 1);
+        benchmark::DoNotOptimize(device.adapter().deregister_umem(made.first));
+    }
+}
+
+/** Second and later exports, or a call that does nothing, through the same kind of pointer. */
+side repeat_call(rova_error_t (*call)(priv_rova_umem*, void**, size_t*))
+{
+    return [call](benchmark::State& state) {
+        bench::scripted_device device(64);
+        bench::region region = device.make_region();
+        export_once(region);
+        auto callee = call;
+        benchmark::DoNotOptimize(callee);
+        void* bytes = nullptr;
+        size_t length = 0;
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(callee(region.get(), &bytes, &length));
+        }
+    };
+}
+
+// ---- Rows ------------------------------------------------------------------------------------
+
+std::string of_bytes(const std::string& what, size_t length)
+{
+    return what + ", N = " + std::to_string(length);
+}
+
+std::string twice_beside_once(const std::string& what, size_t length)
+{
+    return of_bytes(what, 2 * length) + " beside " + std::to_string(length);
+}
+
+void add_calls(std::vector<row>& rows)
+{
+    rows.push_back(measure("register and deregister", register_and_deregister,
+                           "the adapter's calls, new, delete", adapter_calls_and_new, 1.5));
+    rows.push_back(measure("second export", repeat_call(priv_rova_umem_export),
+                           "a call through a pointer", repeat_call(bench::do_nothing), 5));
+}
+
+void add_descriptors(std::vector<row>& rows)
+{
+    for (const size_t length : {64u, 512u, 4096u, 65536u}) {
+        rows.push_back(measure(of_bytes("first export", length), first_export(length),
+                               "json-c alone", floor_export(length), length < 512 ? 1.5 : 1.25));
+    }
+    for (const size_t length : {64u, 512u, 4096u, 65536u}) {
+        rows.push_back(measure(of_bytes("import", length), import(length), "json-c alone",
+                               floor_import(length), length < 512 ? 1.3 : 1.25));
+    }
+}
+
+void add_bytes(std::vector<row>& rows)
+{
+    static std::vector<uint8_t> source = bench::device_block(262144);
+    static std::vector<uint8_t> target(source.size());
+    for (const size_t length : {2048u, 262144u}) {
+        const auto ours =
+            repeat([length] { return priv_rova_utils_crc32_normal(source.data(), length); });
+        const auto loop = repeat(
+            [length] { return priv_rova_utils_crc32(source.data(), length, checksum_polynomial); });
+        const auto zlib =
+            repeat([length] { return crc32(0, source.data(), static_cast<uInt>(length)); });
+        rows.push_back(
+            measure(of_bytes("checksum", length), ours, "the bit-by-bit loop", loop, 0.1));
+        rows.push_back(measure(of_bytes("checksum", length), ours, "zlib's crc32", zlib, 1));
+    }
+    const auto scramble = repeat([] {
+        priv_rova_utils_scramble_descramble(target.data(), source.data(), source.size(),
+                                            scrambling_key);
+        benchmark::ClobberMemory();
+        return 0;
+    });
+    const auto copy = repeat([] {
+        std::memcpy(target.data(), source.data(), source.size());
+        benchmark::ClobberMemory();
+        return 0;
+    });
+    rows.push_back(measure(of_bytes("scrambling", source.size()), scramble, "memcpy", copy, 2));
+}
+
+void add_growth(std::vector<row>& rows)
+{
+    for (const size_t length : {4096u, 65536u}) {
+        rows.push_back(measure(twice_beside_once("export time", length), first_export(2 * length),
+                               "itself at N", first_export(length), 2.2));
+        rows.push_back(measure(twice_beside_once("import time", length), import(2 * length),
+                               "itself at N", import(length), 2.2));
+    }
+}
+
+/** What bench_memory has printed: two counts for an operation on blocks of a length. */
+class memory_counts {
+public:
+    struct counts {
+        double allocations = 0;
+        double peak = 0;
+    };
+
+    explicit memory_counts(const char* path)
+    {
+        std::ifstream lines(path);
+        std::string operation;
+        size_t length = 0;
+        counts value;
+        while (lines >> operation >> length >> value.allocations >> value.peak) {
+            m_counts[{operation, length}] = value;
+        }
+    }
+
+    const counts& of(const char* operation, size_t length) const
+    {
+        return m_counts.at({operation, length});
+    }
+
+private:
+    std::map<std::pair<std::string, size_t>, counts> m_counts;
+};
+
+void add_memory(std::vector<row>& rows, const memory_counts& memory)
+{
+    // No allocation at all: the ratio to one allocation.
+    rows.push_back({"second export, allocations", "one", "",
+                    memory.of("export_again", 512).allocations, 1, 0});
+    for (const char* operation : {"export", "import"}) {
+        for (const size_t length : {4096u, 65536u}) {
+            const auto& once = memory.of(operation, length);
+            const auto& twice = memory.of(operation, 2 * length);
+            const std::string name = operation;
+            rows.push_back({twice_beside_once(name + " allocations", length), "itself at N", "",
+                            twice.allocations, once.allocations, 2.2});
+            rows.push_back({twice_beside_once(name + " peak memory", length), "itself at N",
+                            "bytes", twice.peak, once.peak, 2.2});
+        }
+    }
+}
+
+// ---- Showing them ----------------------------------------------------------------------------
+
+void print_table(const std::vector<row>& rows)
+{
+    std::printf("%-46s %-33s %12s %12s %7s %8s\n", "what", "beside", "ours", "beside", "ratio",
+                "at most");
+    for (const row& line : rows) {
+        std::printf("%-46s %-33s %12.1f %12.1f %7.3f %8.2f %s\n", line.what.c_str(),
+                    line.beside.c_str(), line.ours, line.floor, line.ratio(), line.at_most,
+                    line.met() ? "" : "MISSED");
+    }
+}
+
+bool write_json(const std::vector<row>& rows, const char* path)
+{
+    const std::unique_ptr<json_object, decltype(&json_object_put)> array(json_object_new_array(),
+                                                                         &json_object_put);
+    for (const row& line : rows) {
+        json_object* object = json_object_new_object();
+        json_object_object_add(object, "what", json_object_new_string(line.what.c_str()));
+        json_object_object_add(object, "beside", json_object_new_string(line.beside.c_str()));
+        json_object_object_add(object, "unit", json_object_new_string(line.unit.c_str()));
+        json_object_object_add(object, "ours", json_object_new_double(line.ours));
+        json_object_object_add(object, "floor", json_object_new_double(line.floor));
+        json_object_object_add(object, "ratio", json_object_new_double(line.ratio()));
+        json_object_object_add(object, "at_most", json_object_new_double(line.at_most));
+        json_object_object_add(object, "met", json_object_new_boolean(line.met() ? 1 : 0));
+        json_object_array_add(array.get(), object);
+    }
+    return json_object_to_file_ext(path, array.get(), JSON_C_TO_STRING_PRETTY) == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 3) {
+        std::fprintf(stderr,
+                     "usage: bench_times MEMORY JSON\n"
+                     "  MEMORY  what bench_memory has printed\n"
+                     "  JSON    receives the table\n");
+        return EXIT_FAILURE;
+    }
+    // The heap keeps what it has got, as in a process that works on. Otherwise a row shows mostly
+    // whether something happened to lie at the heap's end, or all of it went back to the kernel.
+    mallopt(M_TRIM_THRESHOLD, 1 << 30);
+    mallopt(M_MMAP_THRESHOLD, 32 << 20);
+
+    const memory_counts memory(argv[1]);
+    char interleaved[] = "--benchmark_enable_random_interleaving=true";
+    char* arguments[] = {argv[0], interleaved, nullptr};
+    int count = 2;
+    benchmark::Initialize(&count, arguments);
+
+    std::vector<row> rows;
+    add_calls(rows);
+    add_descriptors(rows);
+    add_bytes(rows);
+    add_growth(rows);
+    add_memory(rows, memory);
+    print_table(rows);
+    if (!write_json(rows, argv[2])) {
+        std::fprintf(stderr, "bench_times: cannot write %s\n", argv[2]);
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}
