@@ -8,11 +8,11 @@
  * envelope; the bytes that come out are the export descriptor. The reader goes the same way back.
  * From the bytes up, this header holds
  *
- *   1. the envelope     export_header, export_header_0_0, export_header_factory
- *   2. the field tree   export_field and its eight classes
- *   3. the proto        export_proto, the way to write and read a tree
- *   4. JSON             json_c_serializer, a tree to text and text to a tree
- *   5. both ends        priv_rova_exporter, priv_rova_importer
+ *   1. the envelope:    export_header, export_header_0_0, export_header_factory
+ *   2. the field tree:  export_field and its eight classes
+ *   3. the proto:       export_proto, the way to write and read a tree
+ *   4. JSON:            json_c_serializer, a tree to text and text to a tree
+ *   5. both ends:       priv_rova_exporter, priv_rova_importer
  *
  * Failures are thrown, as rova::exception with a code and the place, and caught by the exported
  * functions of the component; nothing here catches. Objects are used by one thread at a time, and
@@ -24,6 +24,7 @@
 
 #include <json-c/json.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
@@ -1125,18 +1126,48 @@ private:
         return json_ptr(value == root.get() ? json_object_get(value) : value);
     }
 
+    /**
+     * How much of a text json-c gets to see before errno is looked at.
+     *
+     * json-c clears errno when it reads a number, so a piece ends between a number and what stands
+     * before it whose failure only errno tells: a string, or a member that was added. A piece also
+     * ends between a name and its value, because json-c crashes on a name that it could not copy.
+     */
+    static size_t piece_length(const char* text)
+    {
+        if (*text == '}') {
+            return 1;
+        }
+        bool quoted = false;
+        const char* end = text;
+        do {
+            quoted = quoted || *end == '"' || *end == '\'';
+            ++end;
+            end += std::strcspn(end, quoted ? ":}\"',]" : ":}\"'");
+        } while (*end == '"' || *end == '\'');
+        const ptrdiff_t length = *end == '}' && !quoted ? end + 1 - text : end - text;
+        return std::min(static_cast<size_t>(length), max_text_bytes);
+    }
+
     static json_ptr parse(const char* text, rova::exception::source_loc here)
     {
         const std::unique_ptr<json_tokener, free_tokener> tokener(json_tokener_new());
         if (tokener == nullptr) {
             throw std::bad_alloc();
         }
-        errno = 0;
-        json_ptr document(json_tokener_parse_ex(tokener.get(), text, -1));
-        if (errno == ENOMEM) {
-            throw std::bad_alloc();
+        json_ptr document;
+        json_tokener_error error = json_tokener_continue;
+        for (bool at_end = false; error == json_tokener_continue && !at_end;) {
+            at_end = *text == '\0';
+            const size_t length = at_end ? 1 : piece_length(text);
+            errno = 0;
+            document.reset(json_tokener_parse_ex(tokener.get(), text, static_cast<int>(length)));
+            if (errno == ENOMEM) {
+                throw std::bad_alloc();
+            }
+            error = json_tokener_get_error(tokener.get());
+            text += length;
         }
-        const json_tokener_error error = json_tokener_get_error(tokener.get());
         if (error == json_tokener_error_depth) {
             throw rova::exception(ROVA_ERROR_INVALID_VALUE, "export payload is nested too deeply",
                                   here);
