@@ -24,6 +24,8 @@ namespace rova {
  * An error code, a text for people, and the place that threw it.
  *
  * Visible in every library that throws or catches it, so that they all mean one type.
+ *
+ * @ingroup exception
  */
 class __attribute__((visibility("default"))) exception : public std::runtime_error {
 public:

@@ -15,8 +15,6 @@
  *
  * Much of what is checked is how a layer refuses, so the log of the platform fills with errors
  * while the checks run. That is no failure.
- *
- * @{
  */
 #pragma once
 
@@ -31,6 +29,11 @@
 #include "rova_types.h"
 
 namespace rova::conformance {
+
+/**
+ * @addtogroup conformance
+ * @{
+ */
 
 /** The device layer to check. */
 struct device_layer {
@@ -108,6 +111,6 @@ std::vector<result> run(const device_layer& layer, const options& how = {});
  */
 size_t report(const std::vector<result>& results, std::ostream& out);
 
-}  // namespace rova::conformance
-
 /** @} */
+
+}  // namespace rova::conformance

@@ -4,8 +4,6 @@
  * @ingroup platform_interfaces
  *
  * What a device gives access to.
- *
- * @{
  */
 #pragma once
 
@@ -15,7 +13,11 @@
 
 namespace device_abstraction {
 
-/** One open device. Safe from any number of threads. */
+/**
+ * One open device. Safe from any number of threads.
+ *
+ * @ingroup platform_device_adapter
+ */
 class idevice_adapter {
 public:
     virtual ~idevice_adapter() = default;
@@ -29,5 +31,3 @@ public:
 };
 
 }  // namespace device_abstraction
-
-/** @} */

@@ -4,8 +4,6 @@
  * @ingroup platform_interfaces
  *
  * The operations on a device's memory registrations.
- *
- * @{
  */
 #pragma once
 
@@ -29,6 +27,8 @@ namespace device_abstraction {
  * registered stays registered, and nothing new is.
  *
  * Safe from any number of threads; operations on one handle are serialised by the caller.
+ *
+ * @ingroup platform_tlox_adapter
  */
 class itlox_adapter {
 public:
@@ -103,5 +103,3 @@ public:
 };
 
 }  // namespace device_abstraction
-
-/** @} */

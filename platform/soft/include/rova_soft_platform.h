@@ -82,14 +82,19 @@ ROVA_API uint32_t rova_soft_log_get_level(void);
 
 /** @} */
 
+/** What a device may do with a registered region; the bits of `access_flags`. */
+enum rova_soft_access {
+    ROVA_SOFT_ACCESS_READ = 1 << 0, /**< the device may read the memory */
+    ROVA_SOFT_ACCESS_WRITE = 1 << 1 /**< the device may write the memory */
+};
+
 /**
  * @name Device
  *
  * Registering memory with a software device is refused, beside the general rules,
  *  - with ROVA_ERROR_INVALID_VALUE: a size of 0, a range that wraps round the address space, a
- *    page size that is no power of two, access bits other than those of rova_soft_access, a range
- *    that is not mapped, a descriptor that cannot be mapped shared, a range that reaches past its
- *    end;
+ *    page size that is no power of two, access bits other than those above, a range that is not
+ *    mapped, a descriptor that cannot be mapped shared, a range that reaches past its end;
  *  - with ROVA_ERROR_NOT_PERMITTED: memory or a descriptor that the process itself may not read or
  *    write as the access bits ask.
  *
@@ -98,12 +103,6 @@ ROVA_API uint32_t rova_soft_log_get_level(void);
  *
  * @{
  */
-
-/** What a device may do with a registered region; the bits of `access_flags`. */
-enum rova_soft_access {
-    ROVA_SOFT_ACCESS_READ = 1 << 0, /**< the device may read the memory */
-    ROVA_SOFT_ACCESS_WRITE = 1 << 1 /**< the device may write the memory */
-};
 
 /**
  * Opens a software device, with umem ids of its own.
