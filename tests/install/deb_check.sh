@@ -18,13 +18,16 @@ cp /var/lib/dpkg/info/format "$root/var/lib/dpkg/info/"
 # The packages' scripts run outside of the root, where the cache of libraries is the system's.
 ln -s "$(command -v true)" "$commands/ldconfig"
 
+quietly() {
+    "$@" >"$root.log" 2>&1 || {
+        cat "$root.log"
+        exit 1
+    }
+}
+
 run_dpkg() {
-    local status=0
-    PATH=$commands:$PATH:/usr/sbin:/sbin "${as_root[@]}" dpkg --root="$root" --no-triggers \
-        --force-script-chrootless "$@" >"$root.log" 2>&1 || status=$?
-    # Packages of this system have no list of files there; that is as it should be.
-    grep -vE 'files list file for package|^\(Reading|^$' "$root.log" || true
-    return "$status"
+    PATH=$commands:$PATH:/usr/sbin:/sbin quietly "${as_root[@]}" dpkg --root="$root" \
+        --no-triggers --force-script-chrootless "$@"
 }
 as_root=()
 ((EUID == 0)) || as_root=(fakeroot)
@@ -37,17 +40,17 @@ if readelf -d "$root/usr/bin/rova_umem" | grep -E 'RPATH|RUNPATH'; then
     echo 'The tool names a folder for its libraries.'
     exit 1
 fi
-LD_LIBRARY_PATH=$libraries "$root/usr/bin/rova_umem" demo "${BASH_SOURCE[0]}" >"$root.log" || {
-    cat "$root.log"
-    exit 1
-}
-LD_LIBRARY_PATH=$libraries ldd "$root/usr/bin/rova_umem" | grep -F "$root/usr" >"$root.log" || {
+export LD_LIBRARY_PATH=$libraries
+quietly "$root/usr/bin/rova_umem" demo "${BASH_SOURCE[0]}"
+if ldd "$root/usr/bin/rova_umem" | grep librova | grep -vF "$libraries"; then
     echo 'The tool did not run with the libraries of the scratch root.'
     exit 1
-}
+fi
 
 run_dpkg --purge "${names[@]}"
-if find "$root/usr" -type f | grep .; then
+if [[ -e $root/usr ]]; then
+    find "$root/usr"
     echo 'These files stayed behind.'
     exit 1
 fi
+echo "ok  installed, ran and removed: ${names[*]}"
