@@ -52,18 +52,22 @@ const char attributes_key[] = "tlox_umem_exported_attributes";
 #define LOG_DEBUG(...) LOG_AT(ROVA_LOG_LEVEL_DEBUG, __VA_ARGS__)
 
 // One row of a function's table of argument checks: what is refused, and how that is said.
-#define REFUSE_IF(condition, ...)        \
-    if (condition) {                     \
-        LOG_ERROR(__VA_ARGS__);          \
-        return ROVA_ERROR_INVALID_VALUE; \
-    }
+#define REFUSE_IF(condition, ...)            \
+    do {                                     \
+        if (condition) {                     \
+            LOG_ERROR(__VA_ARGS__);          \
+            return ROVA_ERROR_INVALID_VALUE; \
+        }                                    \
+    } while (false)
 
 // Reports the failure of a step and returns its code.
-#define FAIL_WITH(code, ...)      \
-    if ((code) != ROVA_SUCCESS) { \
-        LOG_ERROR(__VA_ARGS__);   \
-        return code;              \
-    }
+#define FAIL_WITH(code, ...)          \
+    do {                              \
+        if ((code) != ROVA_SUCCESS) { \
+            LOG_ERROR(__VA_ARGS__);   \
+            return code;              \
+        }                             \
+    } while (false)
 
 // The code of the exception that is being handled.
 rova_error_t converted(rova::exception::source_loc here, const char* context) noexcept

@@ -242,8 +242,8 @@ public:
 /**
  * Memory for the nodes of a tree.
  *
- * A tree has a node for every byte of a device block, and an allocation for each would cost a
- * quarter of the whole export. While an arena lives, the nodes that its thread makes come out of
+ * A tree has a node for every byte of a device block, and an allocation for each would be a good
+ * part of what an export costs. While an arena lives, the nodes that its thread makes come out of
  * its blocks; each block lives until the arena has moved on and its last node is gone, wherever and
  * whenever that is. Arenas of one thread end in the reverse order of their beginning.
  */
@@ -253,11 +253,7 @@ public:
     field_arena(const field_arena&) = delete;
     field_arena& operator=(const field_arena&) = delete;
 
-    ~field_arena()
-    {
-        leave_block();
-        current = m_outer;
-    }
+    ~field_arena() { current = m_outer; }
 
     /** Makes a node, in the arena of this thread if there is one. */
     template <typename field, typename... arguments>
@@ -307,6 +303,10 @@ private:
         alignas(node_alignment) unsigned char m_nodes[block_bytes];
     };
 
+    struct close_block {
+        void operator()(block* left) const { left->close(); }
+    };
+
     /** Remembers in each node where it came from: a block, or the heap where there was no arena. */
     template <typename T>
     struct allocator {
@@ -351,23 +351,17 @@ private:
     block* block_with_room()
     {
         if (m_block == nullptr || !m_block->has_room()) {
-            leave_block();
-            m_block = new block;
+            m_block.reset();
+            m_block.reset(new block);
         }
-        return m_block;
+        return m_block.get();
     }
 
-    void leave_block()
-    {
-        if (m_block != nullptr) {
-            std::exchange(m_block, nullptr)->close();
-        }
-    }
-
-    static inline thread_local field_arena* current = nullptr;
+    // Where it lies is settled when the library is loaded: a thread's first use needs no memory.
+    [[gnu::tls_model("initial-exec")]] static inline thread_local field_arena* current = nullptr;
 
     field_arena* m_outer;
-    block* m_block = nullptr;
+    std::unique_ptr<block, close_block> m_block;
 };
 
 class export_field_serializer;
@@ -686,6 +680,19 @@ public:
         return {};
     }
 
+    /** Puts a node into a member's place, which needs no memory. False: there is no such member. */
+    bool replace(const std::shared_ptr<export_field>& old, const std::shared_ptr<export_field>& val)
+    {
+        for (auto& [key, child] : map) {
+            if (child == old) {
+                child = val;
+                val->set_parent(this);
+                return true;
+            }
+        }
+        return false;
+    }
+
     /** The member under a key; where there is none, a null member is made. */
     std::shared_ptr<export_field> operator[](const std::string& str) override
     {
@@ -725,8 +732,9 @@ public:
 
     export_proto(std::initializer_list<export_proto> ilist) : val(container_of(ilist)) {}
 
-    /** An empty array, written {nullptr}. */
-    export_proto(std::initializer_list<std::nullptr_t> /*ilist*/)
+    /** An empty array, written {nullptr}. A zero, which could pass for a null, is none. */
+    template <typename T, std::enable_if_t<std::is_same_v<T, std::nullptr_t>, int> = 0>
+    export_proto(std::initializer_list<T> /*ilist*/)
         : val(field_arena::make<export_field_array>(nullptr))
     {}
 
@@ -771,6 +779,9 @@ public:
     /**
      * Puts the other proto's node into the place of this one's: under the same key of its
      * container, or here where it has none. The other is left without a node.
+     *
+     * This one goes on standing for the node that was replaced. So look a member up anew to assign
+     * to it again: what has been replaced is no member, and what is assigned to it gets the key "".
      */
     export_proto& operator=(export_proto&& other)
     {
@@ -782,12 +793,15 @@ public:
             val = std::move(other.val);
             return *this;
         }
-        parent->add(parent->remove(val), other.val);
+        auto* const object = dynamic_cast<export_field_object*>(parent);
+        if (object == nullptr || !object->replace(val, other.val)) {
+            parent->add(parent->remove(val), other.val);
+        }
         other.val.reset();
         return *this;
     }
 
-    /** Adds each element to the array, in order. */
+    /** Adds each element to the array, in order; to an object, under the key "". */
     void operator+=(std::initializer_list<export_proto> ilist)
     {
         for (const export_proto& element : ilist) {
@@ -821,10 +835,9 @@ public:
     std::vector<uint8_t> to_bytes() const
     {
         std::vector<uint8_t> bytes;
-        if (val->is_array()) {
-            const auto& elements = static_cast<const export_field_array&>(*val).elements();
-            bytes.reserve(elements.size());
-            for (const std::shared_ptr<export_field>& element : elements) {
+        if (const auto* const array = dynamic_cast<const export_field_array*>(val.get())) {
+            bytes.reserve(array->length());
+            for (const std::shared_ptr<export_field>& element : array->elements()) {
                 bytes.push_back(static_cast<uint8_t>(element->get_uint32()));
             }
         }
@@ -1048,12 +1061,44 @@ public:
                                   "export payload is not terminated by NUL", ROVA_HERE);
         }
         const auto document = parse(reinterpret_cast<const char*>(blob), ROVA_HERE);
-        if (json_object_get_type(document.get()) != json_type_object) {
-            throw rova::exception(ROVA_ERROR_INVALID_VALUE,
-                                  "export payload's top-level value is not an object", ROVA_HERE);
-        }
         const field_arena nodes;
         return traverse(document.get(), nullptr, nullptr, nullptr);
+    }
+
+    /**
+     * Makes the field of a json-c value and adds it to the container that is being filled.
+     *
+     * @param jso_key  the member's name; null for array elements and the top level.
+     * @return the new field if it is an object, else null. The top-level object is the caller's.
+     */
+    export_field* traverse(json_object* jso, json_object* /*parent_jso*/, const char* jso_key,
+                           size_t* /*jso_index*/)
+    {
+        const std::string jso_key_str = jso_key != nullptr ? jso_key : "";
+        switch (json_object_get_type(jso)) {
+            case json_type_null:
+                add_field<export_field_null>(jso_key_str, nullptr);
+                return nullptr;
+            case json_type_boolean:
+                add_field<export_field_bool>(jso_key_str, json_object_get_boolean(jso) != 0);
+                return nullptr;
+            case json_type_double:
+                add_field<export_field_double>(jso_key_str, json_object_get_double(jso));
+                return nullptr;
+            case json_type_int:
+                add_field<export_field_uint64>(jso_key_str,
+                                               static_cast<uint64_t>(json_object_get_int64(jso)));
+                return nullptr;
+            case json_type_string:
+                add_field<export_field_string>(jso_key_str, json_object_get_string(jso));
+                return nullptr;
+            case json_type_object:
+                return traverse_object(jso, jso_key_str);
+            case json_type_array:
+                traverse_array(jso, jso_key_str);
+                return nullptr;
+        }
+        throw std::runtime_error("unknown json-c object type");
     }
 
 private:
@@ -1083,7 +1128,7 @@ private:
 
     // json-c counts in int and leaves out, without a word, what would take a text beyond that. No
     // piece longer than half of it can be left out of a text that is shorter than half of it.
-    static constexpr size_t max_text_bytes = size_t{1} << 30;
+    static constexpr size_t max_text_bytes = (size_t{1} << 30) - 16;
 
     static const char* printable(const std::string& text)
     {
@@ -1140,13 +1185,30 @@ private:
         }
         bool quoted = false;
         const char* end = text;
-        do {
-            quoted = quoted || *end == '"' || *end == '\'';
-            ++end;
+        while (true) {
+            if (*end == '"' || *end == '\'') {
+                end = closing_quote(end);
+                quoted = true;
+            }
+            end += *end != '\0' ? 1 : 0;
             end += std::strcspn(end, quoted ? ":}\"',]" : ":}\"'");
-        } while (*end == '"' || *end == '\'');
+            if (*end != '"' && *end != '\'') {
+                break;
+            }
+        }
         const ptrdiff_t length = *end == '}' && !quoted ? end + 1 - text : end - text;
         return std::min(static_cast<size_t>(length), max_text_bytes);
+    }
+
+    /** The quote that ends a string, or the end of the text. */
+    static const char* closing_quote(const char* opening)
+    {
+        const char stops[] = {*opening, '\\', '\0'};
+        const char* end = opening + 1;
+        while (*(end += std::strcspn(end, stops)) == '\\') {
+            end += end[1] != '\0' ? 2 : 1;
+        }
+        return end;
     }
 
     static json_ptr parse(const char* text, rova::exception::source_loc here)
@@ -1179,40 +1241,15 @@ private:
         return document;
     }
 
-    /**
-     * Makes the field of a json-c value and adds it to the container that is being filled.
-     *
-     * @param jso_key  the member's name; null for array elements and the top level.
-     * @return the new field if it is an object, else null. The top-level object is the caller's.
-     */
-    export_field* traverse(json_object* jso, json_object* /*parent_jso*/, const char* jso_key,
-                           size_t* /*jso_index*/)
+    /** The container that receives the next value. Only an object can do without one. */
+    export_field* receiver() const
     {
-        const std::string jso_key_str = jso_key != nullptr ? jso_key : "";
-        switch (json_object_get_type(jso)) {
-            case json_type_null:
-                add_field<export_field_null>(jso_key_str, nullptr);
-                return nullptr;
-            case json_type_boolean:
-                add_field<export_field_bool>(jso_key_str, json_object_get_boolean(jso) != 0);
-                return nullptr;
-            case json_type_double:
-                add_field<export_field_double>(jso_key_str, json_object_get_double(jso));
-                return nullptr;
-            case json_type_int:
-                add_field<export_field_uint64>(jso_key_str,
-                                               static_cast<uint64_t>(json_object_get_int64(jso)));
-                return nullptr;
-            case json_type_string:
-                add_field<export_field_string>(jso_key_str, json_object_get_string(jso));
-                return nullptr;
-            case json_type_object:
-                return traverse_object(jso, jso_key_str);
-            case json_type_array:
-                traverse_array(jso, jso_key_str);
-                return nullptr;
+        if (tmp_containers.empty()) {
+            throw rova::exception(ROVA_ERROR_INVALID_VALUE,
+                                  "export payload's top-level value is not an object",
+                                  {__FILE__, "deserialize", __LINE__});
         }
-        throw std::runtime_error("unknown json-c object type");
+        return tmp_containers.back();
     }
 
     export_field* traverse_object(json_object* jso, const std::string& key)
@@ -1223,7 +1260,7 @@ private:
             return top.release();
         }
         auto object = field_arena::make<export_field_object>(nullptr);
-        tmp_containers.back()->add(key, object);
+        receiver()->add(key, object);
         traverse_members(jso, object.get());
         return object.get();
     }
@@ -1244,7 +1281,7 @@ private:
         auto array = field_arena::make<export_field_array>(nullptr);
         const size_t length = json_object_array_length(jso);
         array->reserve(length);
-        tmp_containers.back()->add(key, array);
+        receiver()->add(key, array);
         const filling scope(tmp_containers, array.get());
         for (size_t i = 0; i < length; ++i) {
             traverse(json_object_array_get_idx(jso, i), jso, nullptr, &i);
@@ -1254,7 +1291,7 @@ private:
     template <typename field, typename value>
     void add_field(const std::string& key, value&& val)
     {
-        export_field* const container = tmp_containers.back();
+        export_field* const container = receiver();
         container->add(key, field_arena::make<field>(std::forward<value>(val), container));
     }
 

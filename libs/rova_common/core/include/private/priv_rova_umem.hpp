@@ -139,6 +139,9 @@ public:
     uint64_t get_base_offset() const { return m_base_offset; }
     uint32_t get_access_flags() const { return m_access_flags; }
 
+    // What the constructors do, for an empty region; one that is registered would lose track of its
+    // registration. A failed init leaves a region that is only good for destruction.
+
     rova_error_t init(const rova_dev& dev, void* address, size_t size, uint32_t access_flags,
                       size_t page_size)
     {
@@ -192,7 +195,10 @@ public:
         const rova_error_t code =
             priv_rova_umem_bridge(this, PRIV_ROVA_UMEM_BRIDGE_CMD_UNINIT, nullptr);
         if (code != ROVA_SUCCESS) {
-            log_failure(ROVA_HERE, "dereg", code);
+            priv_rova_log_developer(ROVA_LOG_LEVEL_ERROR, priv_rova_log_get_header_source(),
+                                    __FILE__, __LINE__, __func__,
+                                    "UMEM %p: Failed to dereg. err=%s",
+                                    static_cast<const void*>(this), rova_error_get_name(code));
             return code;
         }
         m_handle = nullptr;
@@ -206,7 +212,10 @@ public:
             const rova_error_t code =
                 priv_rova_umem_bridge(this, PRIV_ROVA_UMEM_BRIDGE_CMD_EXPORT, nullptr);
             if (code != ROVA_SUCCESS) {
-                log_failure(ROVA_HERE, "create export descriptor", code);
+                priv_rova_log_developer(ROVA_LOG_LEVEL_ERROR, priv_rova_log_get_header_source(),
+                                        __FILE__, __LINE__, __func__,
+                                        "UMEM %p: Failed to create export descriptor. err=%s",
+                                        static_cast<const void*>(this), rova_error_get_name(code));
                 return code;
             }
         }
@@ -221,7 +230,10 @@ public:
         const rova_error_t code =
             priv_rova_umem_bridge(this, PRIV_ROVA_UMEM_BRIDGE_CMD_RELEASE, nullptr);
         if (code != ROVA_SUCCESS) {
-            log_failure(ROVA_HERE, "release", code);
+            priv_rova_log_developer(ROVA_LOG_LEVEL_ERROR, priv_rova_log_get_header_source(),
+                                    __FILE__, __LINE__, __func__,
+                                    "UMEM %p: Failed to release. err=%s",
+                                    static_cast<const void*>(this), rova_error_get_name(code));
             return code;
         }
         m_handle = nullptr;
@@ -259,14 +271,6 @@ private:
         if (code != ROVA_SUCCESS) {
             throw rova::exception(code, "priv_rova_umem constructor failed", here);
         }
-    }
-
-    void log_failure(rova::exception::source_loc here, const char* action, rova_error_t code) const
-    {
-        priv_rova_log_developer(ROVA_LOG_LEVEL_ERROR, priv_rova_log_get_header_source(), here.file,
-                                static_cast<int>(here.line), here.function,
-                                "UMEM %p: Failed to %s. err=%s", static_cast<const void*>(this),
-                                action, rova_error_get_name(code));
     }
 
     tlox_umem* m_handle = nullptr;
