@@ -21,7 +21,9 @@ public:
     explicit memory_file(size_t size) : m_fd(::memfd_create("conformance", MFD_CLOEXEC))
     {
         if (m_fd < 0 || ::ftruncate(m_fd, static_cast<off_t>(size)) != 0) {
-            throw std::system_error(errno, std::generic_category(), "cannot make a memory file");
+            const int error = errno;
+            close();
+            throw std::system_error(error, std::generic_category(), "cannot make a memory file");
         }
     }
     ~memory_file() { close(); }
@@ -32,7 +34,10 @@ public:
     bool is_open() const { return ::fcntl(m_fd, F_GETFD) >= 0; }
     void put(const bytes& content) const
     {
-        [[maybe_unused]] const ssize_t written = ::pwrite(m_fd, content.data(), content.size(), 0);
+        if (::pwrite(m_fd, content.data(), content.size(), 0) !=
+            static_cast<ssize_t>(content.size())) {
+            throw std::system_error(errno, std::generic_category(), "cannot fill a memory file");
+        }
     }
     void close()
     {

@@ -27,7 +27,10 @@ fenced_memory::fenced_memory(size_t size) : m_size(size)
         throw std::bad_alloc();
     }
     auto* const begin = static_cast<uint8_t*>(m_mapping);
-    ::mprotect(begin + usable, page, PROT_NONE);
+    if (::mprotect(begin + usable, page, PROT_NONE) != 0) {
+        ::munmap(m_mapping, m_mapped);
+        throw std::bad_alloc();
+    }
     m_data = begin + usable - size;
 }
 

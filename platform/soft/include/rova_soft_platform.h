@@ -17,7 +17,7 @@
  *  - A failure writes one log record that says what was wrong, writes no output and changes
  *    nothing, unless the call says otherwise.
  *  - What an open or alloc call gives belongs to the caller until the matching close or free.
- *  - Sizes and offsets are in bytes.
+ *  - Sizes and offsets are in bytes. A pointer to data is the caller's own, valid memory.
  *  - Everything may be called from any number of threads at once, but an object must not be used
  *    during or after its close.
  *

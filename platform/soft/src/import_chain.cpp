@@ -1,10 +1,14 @@
 #include "import_chain.hpp"
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cinttypes>
 #include <climits>
 #include <cstring>
 
+#include "exported_records.hpp"
 #include "failure.hpp"
 #include "process_memory.hpp"
 #include "rova_soft_platform.h"
@@ -54,6 +58,11 @@ void check_process(const soft::export_block& block)
 {
     const auto started =
         block.pid <= INT_MAX ? soft::start_time_of(static_cast<pid_t>(block.pid)) : std::nullopt;
+    if (!started && block.pid <= INT_MAX && ::kill(static_cast<pid_t>(block.pid), 0) != 0 &&
+        errno == EPERM)
+    {
+        fail_to_read_record(block, EPERM);
+    }
     if (!started) {
         soft::fail(ROVA_ERROR_NOT_FOUND, ROVA_HERE, "the exporting process %" PRIu64 " is gone",
                    block.pid);
@@ -69,6 +78,10 @@ void check_process(const soft::export_block& block)
 soft::umem_record read_record(const soft::export_block& block)
 {
     check_process(block);
+    const bool own = block.pid == static_cast<uint64_t>(::getpid());
+    if (own && !soft::is_exported_record(block.record_address)) {
+        fail_to_read_record(block, EFAULT);
+    }
     soft::umem_record record = {};
     const int error = soft::move_bytes(soft::direction::read, static_cast<pid_t>(block.pid),
                                        block.record_address, &record, sizeof(record));
@@ -89,6 +102,8 @@ void check_content(const soft::export_block& block, const soft::umem_record& rec
     if (record.size == 0 || record.size - 1 > UINT64_MAX - record.address ||
         (record.access_flags & ~known_flags) != 0 || record.imported > 1)
     {
+        // Half of a record that is being wiped looks like this, too. By now it is gone.
+        read_record(block);
         soft::fail(ROVA_ERROR_INVALID_VALUE, ROVA_HERE,
                    "the record of process %" PRIu64 " is damaged: %" PRIu64 " bytes at 0x%" PRIx64
                    ", access flags 0x%x",

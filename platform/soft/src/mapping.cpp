@@ -38,9 +38,8 @@ rova_error_t code_of_failed_mapping(int error)
 off_t end_of(int fd)
 {
     const off_t position = ::lseek(fd, 0, SEEK_CUR);
-    const off_t end = ::lseek(fd, 0, SEEK_END);
-    ::lseek(fd, position >= 0 ? position : 0, SEEK_SET);
-    return end;
+    const off_t end = position >= 0 ? ::lseek(fd, 0, SEEK_END) : -1;
+    return end >= 0 && ::lseek(fd, position, SEEK_SET) == position ? end : -1;
 }
 
 size_t size_of(int fd)

@@ -55,6 +55,8 @@ void check_mapped(uint64_t address, size_t size, uint32_t access_flags)
     if (!maps) {
         fail(ROVA_ERROR_OPERATING_SYSTEM, ROVA_HERE, "/proc/self/maps cannot be read");
     }
+    // Without memory for a line, reading would just end, as if nothing more were mapped.
+    maps.exceptions(std::ios::badbit);
     // Entries come in the order of their addresses. While other threads map and unmap, one may
     // begin before the end of the one that came before it.
     uint64_t covered_to = address;

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <utility>
 
+#include "exported_records.hpp"
 #include "failure.hpp"
 #include "rova_soft_platform.h"
 
@@ -120,6 +121,7 @@ soft::export_block tlox_umem::export_block()
     }
     if (m_record.magic == 0) {
         m_record.token = random_token();
+        soft::add_exported_record(m_record);
         m_record.magic = soft::umem_record_magic;
     }
     return {soft::export_block_magic,
@@ -134,6 +136,9 @@ void tlox_umem::end() noexcept
 {
     const std::lock_guard<std::shared_mutex> lock(m_mutex);
     m_ended = true;
+    if (m_record.magic != 0) {
+        soft::remove_exported_record(m_record);
+    }
     // Other processes read the record, which the compiler cannot know.
     ::explicit_bzero(&m_record, sizeof(m_record));
 }

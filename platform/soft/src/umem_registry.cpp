@@ -142,7 +142,7 @@ void umem_registry::close()
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_handles.empty() || m_accelerators != 0) {
             fail(ROVA_ERROR_IN_USE, ROVA_HERE,
-                 "%zu regions are registered with the device and %zu accelerators open on it",
+                 "registered with the device are %zu regions, open on it are %zu accelerators",
                  m_handles.size(), m_accelerators);
         }
         m_closed = true;
