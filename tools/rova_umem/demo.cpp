@@ -58,7 +58,8 @@ public:
     int run()
     {
         print("The " + count(m_bytes.size(), "byte") + " of " + in_quotes(m_path) +
-              " go into memory of each kind, which is registered with a software device.\n\n");
+              (m_bytes.size() == 1 ? " goes" : " go") +
+              " into memory of each kind, which is registered with a software device.\n\n");
         register_all();
         show_regions();
         show_access();

@@ -30,6 +30,31 @@ pipe_ends make_pipe()
     return {unique_fd(ends[0]), unique_fd(ends[1])};
 }
 
+void check_start(int error)
+{
+    if (error != 0) {
+        throw failure("cannot start a second process: " + std::generic_category().message(error));
+    }
+}
+
+/** What a new process does with its files before it runs its program. */
+class spawn_actions {
+public:
+    spawn_actions() { check_start(posix_spawn_file_actions_init(&m_actions)); }
+    spawn_actions(const spawn_actions&) = delete;
+    spawn_actions& operator=(const spawn_actions&) = delete;
+    ~spawn_actions() { posix_spawn_file_actions_destroy(&m_actions); }
+
+    void connect(const unique_fd& from, int to)
+    {
+        check_start(posix_spawn_file_actions_adddup2(&m_actions, from.get(), to));
+    }
+    const posix_spawn_file_actions_t* get() const { return &m_actions; }
+
+private:
+    posix_spawn_file_actions_t m_actions{};
+};
+
 struct message_head {
     uint32_t head;
     uint32_t length;
@@ -110,19 +135,14 @@ demo_peer::demo_peer()
 {
     pipe_ends requests = make_pipe();
     pipe_ends answers = make_pipe();
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, requests.read_end.get(), STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, answers.write_end.get(), STDOUT_FILENO);
+    spawn_actions actions;
+    actions.connect(requests.read_end, STDIN_FILENO);
+    actions.connect(answers.write_end, STDOUT_FILENO);
     std::string program = "rova_umem";
     std::string command = "demo-peer";
     const std::array<char*, 3> arguments{program.data(), command.data(), nullptr};
-    const int error =
-        posix_spawn(&m_pid, "/proc/self/exe", &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) {
-        throw failure("cannot start a second process: " + std::generic_category().message(error));
-    }
+    check_start(
+        posix_spawn(&m_pid, "/proc/self/exe", actions.get(), nullptr, arguments.data(), environ));
     m_requests = std::move(requests.write_end);
     m_answers = std::move(answers.read_end);
 }

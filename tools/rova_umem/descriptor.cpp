@@ -1,5 +1,7 @@
 #include "descriptor.hpp"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <new>
 #include <utility>
@@ -70,7 +72,7 @@ private:
                                        number_at(m_bytes, 8, 4)};
         m_report.header = header;
         check_lengths(header);
-        if (header.checksum != header.computed_checksum) {
+        if (!m_report.checksum_is_right()) {
             add_damage(0, "the checksum is " + hex(header.checksum, 8) +
                               ", but that of the bytes is " + hex(header.computed_checksum, 8) +
                               ": some byte has changed");
@@ -260,7 +262,24 @@ byte_vector read_descriptor(const std::string& path)
 
 descriptor_report examine(const byte_vector& bytes)
 {
-    return examiner(bytes).examine();
+    descriptor_report report = examiner(bytes).examine();
+    std::stable_sort(
+        report.damages.begin(), report.damages.end(),
+        [](const damage& left, const damage& right) { return left.offset < right.offset; });
+    return report;
+}
+
+bool holds_descriptor(const std::string& path)
+{
+    const unique_fd file = open_file(path, O_RDONLY);
+    const size_t size = regular_file_size(file.get(), path);
+    if (size > largest_descriptor_bytes) {
+        return false;
+    }
+    byte_vector bytes(size);
+    bytes.resize(read_until_end(file.get(), bytes.data(), size, in_quotes(path)));
+    const descriptor_report report = examine(bytes);
+    return report.lengths_add_up() && report.checksum_is_right();
 }
 
 }  // namespace tool

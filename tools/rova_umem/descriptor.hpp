@@ -46,8 +46,17 @@ struct descriptor_report {
     std::optional<uint64_t> page_size;
     std::optional<uint32_t> access_flags;
     std::optional<byte_vector> device_block;
-    std::vector<damage> damages;
+    std::vector<damage> damages;  ///< in the order of their offsets
     std::vector<std::string> remarks;
+
+    bool lengths_add_up() const
+    {
+        return header && uint64_t{header->header_length} + header->payload_length == length;
+    }
+    bool checksum_is_right() const
+    {
+        return header && header->checksum == header->computed_checksum;
+    }
 };
 
 /** The member that carries the device layer's own export. */
@@ -58,5 +67,8 @@ byte_vector read_descriptor(const std::string& path);
 
 /** Looks at all of it; damage is reported, never thrown. */
 descriptor_report examine(const byte_vector& bytes);
+
+/** Whether a regular file is a descriptor, of whatever version: its envelope is whole. */
+bool holds_descriptor(const std::string& path);
 
 }  // namespace tool

@@ -6,15 +6,49 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
 #include <system_error>
 
 namespace tool {
 namespace {
 
-[[noreturn]] void fail(const std::string& what, const std::string& name)
+[[noreturn]] void fail(const std::string& what, const std::string& name,
+                       const std::string& advice = "")
 {
     const std::string reason = os_error();
-    throw failure("cannot " + what + " " + name + ": " + reason);
+    throw failure("cannot " + what + " " + name + ": " + reason + advice);
+}
+
+[[noreturn]] void fail_to_create(const std::string& path)
+{
+    fail("create", in_quotes(path), "; check the path and the permissions");
+}
+
+/** Where a file is, or would be created, that is opened under this name. */
+std::string without_links(const std::string& path)
+{
+    constexpr int most_links = 40;  // as many as the kernel follows
+    std::filesystem::path place = path;
+    for (int i = 0; i < most_links; ++i) {
+        std::error_code no_link;
+        const auto target = std::filesystem::read_symlink(place, no_link);
+        if (no_link) {
+            return place;
+        }
+        place = place.parent_path() / target;
+    }
+    errno = ELOOP;
+    fail_to_create(path);
+}
+
+/** What a new file may be used for when nobody says otherwise. */
+mode_t usual_mode()
+{
+    // The mask can only be read by setting it; this value keeps everybody else out meanwhile.
+    const mode_t mask = umask(077);
+    umask(mask);
+    return 0666 & ~mask;
 }
 
 }  // namespace
@@ -85,7 +119,7 @@ unique_fd open_file(const std::string& path, int flags)
 {
     unique_fd fd(open(path.c_str(), flags | O_CLOEXEC));
     if (fd.get() < 0) {
-        fail("open", in_quotes(path));
+        fail("open", in_quotes(path), "; check the path and the permissions");
     }
     return fd;
 }
@@ -144,6 +178,9 @@ void write_all(int fd, const void* data, size_t size, const std::string& name)
     size_t done = 0;
     while (done < size) {
         const ssize_t put = write(fd, static_cast<const uint8_t*>(data) + done, size - done);
+        if (put < 0 && errno == EPIPE && fd == STDOUT_FILENO) {
+            throw nobody_reads();
+        }
         if (put < 0 && errno != EINTR) {
             fail("write to", name);
         }
@@ -154,16 +191,29 @@ void write_all(int fd, const void* data, size_t size, const std::string& name)
 output_file::output_file(std::string path) : m_path(std::move(path))
 {
     struct stat status {};
-    if (stat(m_path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    const bool exists = stat(m_path.c_str(), &status) == 0;
+    if (exists && !S_ISREG(status.st_mode)) {
         m_fd = open_file(m_path, O_WRONLY);
         return;
     }
-    const std::string temporary = m_path + "." + std::to_string(getpid()) + ".tmp";
-    m_fd = unique_fd(open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    m_path = without_links(m_path);
+    create_temporary(exists ? status.st_mode & 0777 : usual_mode());
+}
+
+void output_file::create_temporary(mode_t mode)
+{
+    std::string name = m_path + ".XXXXXX";
+    m_fd = unique_fd(mkostemp(name.data(), O_CLOEXEC));
     if (m_fd.get() < 0) {
-        fail("create", in_quotes(m_path));
+        fail_to_create(m_path);
     }
-    m_temporary = temporary;
+    if (fchmod(m_fd.get(), mode) != 0) {
+        const int reason = errno;
+        static_cast<void>(unlink(name.c_str()));
+        errno = reason;
+        fail_to_create(m_path);
+    }
+    m_temporary = name;
 }
 
 output_file::~output_file()
@@ -176,7 +226,7 @@ output_file::~output_file()
 void output_file::commit()
 {
     if (is_temporary() && rename(m_temporary.c_str(), m_path.c_str()) != 0) {
-        fail("create", in_quotes(m_path));
+        fail_to_create(m_path);
     }
     m_temporary.clear();
 }
@@ -184,6 +234,14 @@ void output_file::commit()
 bool same_file(const struct stat& left, const struct stat& right)
 {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
+}
+
+bool same_regular_file(const std::string& left, const std::string& right)
+{
+    struct stat left_status {};
+    struct stat right_status {};
+    return stat(left.c_str(), &left_status) == 0 && stat(right.c_str(), &right_status) == 0 &&
+           S_ISREG(left_status.st_mode) && same_file(left_status, right_status);
 }
 
 }  // namespace tool

@@ -82,7 +82,8 @@ void write_all(int fd, const void* data, size_t size, const std::string& name);
 
 /**
  * A file that appears under its name only when it is whole: it is written beside it and renamed.
- * What is there already and is no regular file, a terminal or a pipe, is written directly.
+ * A file that is replaced keeps its mode, and a link to it stays. What is there already and is no
+ * regular file, a terminal or a pipe, is written directly.
  */
 class output_file {
 public:
@@ -92,10 +93,13 @@ public:
     ~output_file();
 
     int fd() const { return m_fd.get(); }
+    const std::string& path() const { return m_path; }  ///< with links resolved, once temporary
     bool is_temporary() const { return !m_temporary.empty(); }
     void commit();
 
 private:
+    void create_temporary(mode_t mode);
+
     std::string m_path;
     std::string m_temporary;
     unique_fd m_fd;
@@ -103,5 +107,8 @@ private:
 
 /** Whether two files are one and the same. */
 bool same_file(const struct stat& left, const struct stat& right);
+
+/** Whether two names lead to one and the same regular file. */
+bool same_regular_file(const std::string& left, const std::string& right);
 
 }  // namespace tool

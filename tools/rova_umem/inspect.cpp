@@ -6,6 +6,7 @@
 
 #include "commands.hpp"
 #include "descriptor.hpp"
+#include "rova_soft_platform.h"
 
 namespace tool {
 namespace {
@@ -106,20 +107,29 @@ void print_json(const descriptor_report& report)
 std::string header_text(const descriptor_report& report)
 {
     const descriptor_header& header = *report.header;
-    const bool lengths_agree =
-        uint64_t{header.header_length} + header.payload_length == report.length;
     table fields({false, false, false});
     fields.add({"checksum", hex(header.checksum, 8),
-                header.checksum == header.computed_checksum
+                report.checksum_is_right()
                     ? "right"
                     : "wrong, the bytes have " + hex(header.computed_checksum, 8)});
     fields.add({"envelope version",
                 std::to_string(header.major) + "." + std::to_string(header.minor),
                 header.major == 0 ? "readable" : "not readable"});
-    fields.add({"header length", std::to_string(header.header_length),
-                lengths_agree ? "the lengths make up the whole" : "wrong, or the next one is"});
+    fields.add(
+        {"header length", std::to_string(header.header_length),
+         report.lengths_add_up() ? "the lengths make up the whole" : "wrong, or the next one is"});
     fields.add({"payload length", std::to_string(header.payload_length), ""});
     return "header\n" + fields.text();
+}
+
+std::string access_text(uint32_t flags)
+{
+    const bool readable = (flags & ROVA_SOFT_ACCESS_READ) != 0;
+    const bool writable = (flags & ROVA_SOFT_ACCESS_WRITE) != 0;
+    return hex(flags) + (readable && writable ? ", readable and writable"
+                         : readable           ? ", readable"
+                         : writable           ? ", writable"
+                                              : ", neither readable nor writable");
 }
 
 std::string region_text(const descriptor_report& report)
@@ -128,7 +138,8 @@ std::string region_text(const descriptor_report& report)
         return "";
     }
     return "region: " + count(*report.size, "byte") + " in pages of " +
-           std::to_string(*report.page_size) + ", access flags " + hex(*report.access_flags) + "\n";
+           std::to_string(*report.page_size) + "; access flags " +
+           access_text(*report.access_flags) + "\n";
 }
 
 std::string payload_text(const descriptor_report& report)
@@ -150,7 +161,11 @@ std::string payload_text(const descriptor_report& report)
 
 void print_for_people(const descriptor_report& report)
 {
-    std::string text = "descriptor of " + count(report.length, "byte") + "\n";
+    const bool something_else = report.header && report.header->major != 0 &&
+                                !report.lengths_add_up() && !report.checksum_is_right();
+    std::string text =
+        something_else ? "this does not look like a descriptor: it has " : "descriptor of ";
+    text += count(report.length, "byte") + "\n";
     if (report.header) {
         text += header_text(report) + region_text(report) + payload_text(report);
     }

@@ -27,14 +27,17 @@ std::optional<uint64_t> parse_number(std::string_view text)
 
 template <typename number>
 CLI::Option* add_number(CLI::App* command, const std::string& name, number& value,
-                        const std::string& help)
+                        const std::string& help, uint64_t least = 0)
 {
-    const auto store = [&value, name](const std::string& text) {
+    const auto store = [&value, name, least](const std::string& text) {
         const auto parsed = parse_number(text);
         if (!parsed) {
             throw CLI::ValidationError(name, in_quotes(text) +
                                                  " is no number: use decimal digits, or 0x and "
                                                  "hexadecimal ones, up to 2^64 - 1");
+        }
+        if (*parsed < least) {
+            throw CLI::ValidationError(name, "must be at least " + std::to_string(least));
         }
         value = *parsed;
     };
@@ -45,6 +48,12 @@ CLI::Option* add_path(CLI::App* command, const std::string& name, std::string& p
                       const std::string& help)
 {
     return command->add_option(name, path, help)->type_name("");
+}
+
+/** Standard input cannot hold the bytes to write and the descriptor at once. */
+std::string refuse_standard_input(const std::string& path)
+{
+    return path == "-" ? "standard input holds the bytes to write: name a file" : "";
 }
 
 /** The command line: what each command takes, and what runs it. */
@@ -117,7 +126,8 @@ private:
                         "rova_umem share song.ogg --out song.desc --seconds 60");
         add_path(command, "FILE", m_share.file, "The file to share")->required();
         add_path(command, "--out", m_share.descriptor,
-                 "Where to put the descriptor that lets others in; removed at the end")
+                 "Where to put the descriptor that lets others in; removed at the end. A file that "
+                 "exists and is no descriptor is not replaced")
             ->required()
             ->type_name("DESCRIPTOR");
         command
@@ -129,14 +139,17 @@ private:
             ->default_str("host");
         command->add_flag("--writable", m_share.writable,
                           "Let others write, too; with dmabuf that changes the file");
-        add_number(command, "--seconds", m_share.seconds, "End after N seconds instead of Ctrl-C");
+        add_number(command, "--seconds", m_share.seconds,
+                   "Share for N seconds, at least 1, or until Ctrl-C", 1);
     }
 
     void add_read()
     {
         CLI::App* command = add_command("read", "Print the bytes that another process shares",
                                         "rova_umem read song.desc --out copy.ogg");
-        add_path(command, "DESCRIPTOR", m_read.descriptor, "What share has written")->required();
+        add_path(command, "DESCRIPTOR", m_read.descriptor,
+                 "What share has written; - is standard input")
+            ->required();
         add_number(command, "--offset", m_read.offset, "Where to begin; 0 if not given");
         add_number(command, "--length", m_read.length,
                    "How many bytes to read; all that follow if not given");
@@ -150,7 +163,8 @@ private:
             add_command("write", "Write standard input to the memory that another process shares",
                         "echo hello | rova_umem write song.desc --offset 128");
         add_path(command, "DESCRIPTOR", m_write.descriptor, "What share --writable has written")
-            ->required();
+            ->required()
+            ->check(refuse_standard_input);
         add_number(command, "--offset", m_write.offset, "Where to begin")->required();
     }
 
@@ -193,7 +207,7 @@ private:
 int run(int argc, char** argv)
 {
     open_standard_streams();
-    std::signal(SIGPIPE, SIG_IGN);  // a closed pipe is then a write that fails, and is reported
+    std::signal(SIGPIPE, SIG_IGN);  // a closed pipe is then a write that fails
     collect_log();
     return command_line().run(argc, argv);
 }
@@ -207,6 +221,8 @@ int main(int argc, char** argv)
         return tool::run(argc, argv);
     } catch (const std::bad_alloc&) {
         tool::print_error("rova_umem: there is not enough memory\n");
+    } catch (const tool::nobody_reads&) {
+        return tool::exit_failure;  // whoever closed the pipe has what was wanted
     } catch (const std::exception& error) {
         tool::print_error(std::string("rova_umem: ") + error.what() + "\n");
     }

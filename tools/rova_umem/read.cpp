@@ -91,6 +91,11 @@ void stream(const imported_region& region, uint64_t offset, uint64_t length, int
 
 int run_read(const read_options& options)
 {
+    const std::string source = options.descriptor == "-" ? "/dev/stdin" : options.descriptor;
+    if (options.out && same_regular_file(source, *options.out)) {
+        throw failure("the bytes would replace the descriptor " + in_quotes(*options.out) +
+                      "; name another file with --out");
+    }
     imported_region region(options.descriptor);
     const uint64_t length = length_to_read(options, region.size());
     if (options.out) {

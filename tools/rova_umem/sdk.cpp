@@ -137,6 +137,9 @@ std::string imported_region::advice(rova_error_t code) const
     if (code == ROVA_ERROR_NOT_FOUND) {
         return "\nWhoever shared it has ended or stopped sharing. Share it again.";
     }
+    if (code == ROVA_ERROR_IO_FAILED && m_region != nullptr) {
+        return "\nThe shared memory is gone, or its file became shorter. Share it again.";
+    }
     if (code == ROVA_ERROR_NOT_PERMITTED && m_region != nullptr && !m_writable) {
         return "\nWhoever shares it can let others write with --writable.";
     }

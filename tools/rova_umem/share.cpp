@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "commands.hpp"
+#include "descriptor.hpp"
 #include "files.hpp"
 #include "interruption.hpp"
 #include "sdk.hpp"
@@ -92,14 +93,14 @@ void end_sharing(sharing& shared)
 /** The descriptor under its name, for as long as this lives and nobody replaces it. */
 class published_descriptor {
 public:
-    published_descriptor(std::string path, const byte_vector& bytes) : m_path(std::move(path))
+    published_descriptor(const std::string& path, const byte_vector& bytes)
     {
-        output_file file(m_path);
+        output_file file(path);
         if (!file.is_temporary()) {
-            throw failure(in_quotes(m_path) +
-                          " is not a regular file; name another one with --out");
+            throw failure(in_quotes(path) + " is not a regular file; name another one with --out");
         }
-        write_all(file.fd(), bytes.data(), bytes.size(), in_quotes(m_path));
+        write_all(file.fd(), bytes.data(), bytes.size(), in_quotes(path));
+        m_path = file.path();
         m_known = fstat(file.fd(), &m_status) == 0;
         file.commit();
     }
@@ -115,21 +116,24 @@ public:
     }
 
 private:
-    std::string m_path;
+    std::string m_path;  ///< of the file itself, not of a link to it
     struct stat m_status {};
     bool m_known = false;
 };
 
-/** The rename at the end of writing a descriptor would replace the very file that is shared. */
+/** A descriptor takes the place of its file and removes it at the end: it must be no other file. */
 void refuse_to_replace(const source_file& source, const std::string& descriptor)
 {
-    struct stat shared {};
-    struct stat target {};
-    if (fstat(source.fd.get(), &shared) == 0 && stat(descriptor.c_str(), &target) == 0 &&
-        same_file(shared, target))
-    {
+    if (same_regular_file(source.path, descriptor)) {
         throw failure("the descriptor would replace the shared file " + in_quotes(source.path) +
                       "; name another file with --out");
+    }
+    struct stat target {};
+    if (stat(descriptor.c_str(), &target) == 0 && S_ISREG(target.st_mode) &&
+        !holds_descriptor(descriptor))
+    {
+        throw failure(in_quotes(descriptor) +
+                      " exists and is no descriptor: name another file with --out");
     }
 }
 

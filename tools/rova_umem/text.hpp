@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -19,6 +20,9 @@ class failure : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
+
+/** Standard output is a pipe that nobody reads any more: ends a command without a text. */
+class nobody_reads : public std::exception {};
 
 /**
  * `text` without anything that a terminal would obey: control characters and bytes that are no
