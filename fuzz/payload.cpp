@@ -1,9 +1,6 @@
-/*
- * Any text as the payload of a good envelope, on a device that takes every block. What can be
- * imported is exported again and has to come back the same.
- */
-#include <algorithm>
-#include <string>
+// Any text as the payload of a good envelope, on a device that takes every block. What can be
+// imported is exported again and has to come back the same.
+
 #include <vector>
 
 #include "priv_rova_export.hpp"
@@ -19,8 +16,15 @@ struct tlox_umem {
 namespace {
 
 /** Keeps the block that a registration was imported from, and exports the same. */
-class keeping_adapter : public device_abstraction::itlox_adapter {
-public:
+struct keeping_device : rova_dev,
+                        device_abstraction::idevice_adapter,
+                        device_abstraction::itlox_adapter {
+    // The adapters are the device itself, which lives as long as the process.
+    keeping_device() { device_adapter = {std::shared_ptr<void>(), this}; }
+    std::shared_ptr<itlox_adapter> get_tlox_adapter() noexcept override
+    {
+        return {device_adapter, this};
+    }
     std::pair<tlox_umem*, uint32_t> register_umem(void*, size_t, uint32_t, size_t) override
     {
         return {nullptr, 0};
@@ -38,22 +42,9 @@ public:
     std::vector<uint8_t> export_umem(tlox_umem* umem) override { return umem->block; }
     std::pair<tlox_umem*, uint32_t> import_umem(const uint8_t* block, size_t length) override
     {
-        auto umem = std::make_unique<tlox_umem>();
-        umem->block.assign(block, block + length);
-        return {umem.release(), 1};
+        return {std::make_unique<tlox_umem>(tlox_umem{{block, block + length}}).release(), 1};
     }
     void release_umem(tlox_umem* umem) override { deregister_umem(umem); }
-};
-
-class keeping_device : public device_abstraction::idevice_adapter {
-public:
-    std::shared_ptr<device_abstraction::itlox_adapter> get_tlox_adapter() noexcept override
-    {
-        return m_adapter;
-    }
-
-private:
-    std::shared_ptr<keeping_adapter> m_adapter = std::make_shared<keeping_adapter>();
 };
 
 struct region_end {
@@ -66,7 +57,7 @@ using region = std::unique_ptr<priv_rova_umem, region_end>;
 
 region import(const uint8_t* bytes, size_t size)
 {
-    static const rova_dev dev{std::make_shared<keeping_device>()};
+    static const keeping_device dev;
     static char here = 0;
     priv_rova_umem* umem = nullptr;
     const rova_error_t code = priv_rova_umem_create_from_export(&dev, bytes, size, &here, &umem);
@@ -74,35 +65,33 @@ region import(const uint8_t* bytes, size_t size)
     return region(umem);
 }
 
+/** The descriptor of a region; empty when it cannot be exported. */
+std::vector<uint8_t> exported(const region& umem)
+{
+    void* descriptor = nullptr;
+    size_t length = 0;
+    priv_rova_umem_export(umem.get(), &descriptor, &length);
+    const auto* const bytes = static_cast<const uint8_t*>(descriptor);
+    return {bytes, bytes + length};
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static const bool quiet = be_quiet();
-    require(quiet, "the log is quiet");
-
     const auto envelope =
         core::export_header_factory::get_latest()->serialize(data, static_cast<uint32_t>(size));
     const region first = import(envelope.first.data(), envelope.first.size());
-    void* descriptor = nullptr;
-    size_t length = 0;
-    if (first == nullptr ||
-        priv_rova_umem_export(first.get(), &descriptor, &length) != ROVA_SUCCESS) {
+    const std::vector<uint8_t> descriptor =
+        first != nullptr ? exported(first) : std::vector<uint8_t>();
+    if (descriptor.empty()) {
         return 0;  // an empty block cannot be exported
     }
-    const region second = import(static_cast<const uint8_t*>(descriptor), length);
+    const region second = import(descriptor.data(), descriptor.size());
     require(second != nullptr, "what was exported can be imported");
     require(second->get_size() == first->get_size(), "the size comes back");
     require(second->get_page_size() == first->get_page_size(), "the page size comes back");
     require(second->get_access_flags() == first->get_access_flags(), "the flags come back");
-
-    void* again = nullptr;
-    size_t again_length = 0;
-    require(priv_rova_umem_export(second.get(), &again, &again_length) == ROVA_SUCCESS &&
-                std::equal(static_cast<const char*>(descriptor),
-                           static_cast<const char*>(descriptor) + length,
-                           static_cast<const char*>(again),
-                           static_cast<const char*>(again) + again_length),
-            "the descriptor comes out the same");
+    require(exported(second) == descriptor, "the descriptor comes out the same");
     return 0;
 }

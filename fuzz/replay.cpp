@@ -1,6 +1,5 @@
-/*
- * Runs a fuzz target over the files of a folder, without a fuzzer.
- */
+// Runs a fuzz target over the files of a folder, without a fuzzer.
+
 #include <cstdio>
 #include <filesystem>
 #include <fstream>

@@ -1,6 +1,5 @@
-/*
- * What the fuzz targets share.
- */
+// What the fuzz targets share.
+
 #pragma once
 
 #include <cstddef>
@@ -23,7 +22,4 @@ inline void require(bool holds, const char* what)
 }
 
 /** Nearly every input is refused, and each refusal is logged: nobody reads those. */
-inline bool be_quiet()
-{
-    return rova_soft_log_set_level(ROVA_LOG_LEVEL_DISABLE) == ROVA_SUCCESS;
-}
+inline const bool is_quiet = rova_soft_log_set_level(ROVA_LOG_LEVEL_DISABLE) == ROVA_SUCCESS;

@@ -1,6 +1,5 @@
-/*
- * A tree built from the input's bytes: it prints, parses and prints the same.
- */
+// A tree built from the input's bytes: it prints, parses and prints the same.
+
 #include <cstring>
 #include <string>
 

@@ -44,57 +44,41 @@ class scripted_tlox final : public device_abstraction::itlox_adapter {
 public:
     using result = std::pair<tlox_umem*, uint32_t>;
 
-    result register_umem(void* address, size_t size, uint32_t access_flags,
-                         size_t page_size) override
+    result register_umem(void* address, size_t size, uint32_t flags, size_t page_size) override
     {
-        note("register_umem", address, size, access_flags, page_size);
-        return add();
+        return add("register_umem", address, size, flags, page_size);
     }
 
-    result register_umem_dmabuf(int dmabuf_fd, void* address, size_t dmabuf_offset, size_t size,
-                                uint32_t access_flags, size_t page_size) override
+    result register_umem_dmabuf(int fd, void* address, size_t offset, size_t size, uint32_t flags,
+                                size_t page_size) override
     {
-        note("register_umem_dmabuf", dmabuf_fd, address, dmabuf_offset, size, access_flags,
-             page_size);
-        return add();
-    }
-
-    rova_error_t deregister_umem(tlox_umem* umem) noexcept override
-    try {
-        note("deregister_umem", id_of(umem));
-        remove(umem);
-        return ROVA_SUCCESS;
-    } catch (const rova::exception& e) {
-        return e.error_code();
-    } catch (...) {
-        return ROVA_ERROR_UNKNOWN;
-    }
-
-    std::vector<uint8_t> export_umem(tlox_umem* umem) override
-    {
-        note("export_umem", id_of(umem));
-        return m_block;
+        return add("register_umem_dmabuf", fd, address, offset, size, flags, page_size);
     }
 
     result import_umem(const uint8_t* block, size_t block_length) override
     {
         m_imported.assign(block, block + block_length);
-        note("import_umem", block_length);
-        return add();
+        return add("import_umem", block_length);
     }
 
-    void release_umem(tlox_umem* umem) override
+    std::vector<uint8_t> export_umem(tlox_umem* umem) override
     {
-        note("release_umem", id_of(umem));
-        remove(umem);
+        note("export_umem", reinterpret_cast<uintptr_t>(umem));
+        return m_block;
     }
 
-    /** Makes an operation fail from now on. */
-    void fail(const std::string& operation, const failure& how)
-    {
-        m_failures[operation] = how.raise;
+    rova_error_t deregister_umem(tlox_umem* umem) noexcept override
+    try {
+        remove("deregister_umem", umem);
+        return ROVA_SUCCESS;
+    } catch (...) {
+        return m_raised;
     }
 
+    void release_umem(tlox_umem* umem) override { remove("release_umem", umem); }
+
+    /** Makes an operation fail from now on, or "call 3", the third since take_calls. */
+    void fail(const std::string& part, const failure& how) { m_failures[part] = how; }
     void recover() { m_failures.clear(); }
 
     /** The calls since the last time, in words. */
@@ -104,24 +88,9 @@ public:
 
     std::vector<uint8_t> m_block = {1, 0, 0, 0, 0x2A, 0x10, 0, 0x80};  // what export gives
     std::vector<uint8_t> m_imported;                                   // what import got last
+    rova_error_t m_raised = ROVA_ERROR_UNKNOWN;                        // the last failure
 
 private:
-    static uint64_t id_of(tlox_umem* umem) { return reinterpret_cast<uintptr_t>(umem); }
-
-    result add()
-    {
-        const auto umem = reinterpret_cast<tlox_umem*>(uintptr_t{m_next_id});
-        m_live.insert(umem);
-        return {umem, m_next_id++};
-    }
-
-    void remove(tlox_umem* umem)
-    {
-        if (m_live.erase(umem) == 0) {
-            throw rova::exception(ROVA_ERROR_NOT_FOUND, "no such registration", ROVA_HERE);
-        }
-    }
-
     // Writes the call down, and fails it if that is its part.
     template <class... arguments>
     void note(const char* operation, const arguments&... values)
@@ -130,38 +99,57 @@ private:
         text << operation;
         ((text << ' ' << values), ...);
         m_calls.push_back(text.str());
-        if (const auto found = m_failures.find(operation); found != m_failures.end()) {
-            found->second();
+        const std::string nth = "call " + std::to_string(m_calls.size());
+        for (const auto& [part, how] : m_failures) {
+            if (part == operation || part == nth) {
+                m_raised = how.code;
+                how.raise();
+            }
+        }
+    }
+
+    template <class... arguments>
+    result add(const char* operation, const arguments&... values)
+    {
+        note(operation, values...);
+        const auto umem = reinterpret_cast<tlox_umem*>(uintptr_t{m_next_id});
+        m_live.insert(umem);
+        return {umem, m_next_id++};
+    }
+
+    void remove(const char* operation, tlox_umem* umem)
+    {
+        note(operation, reinterpret_cast<uintptr_t>(umem));
+        if (m_live.erase(umem) == 0) {
+            m_raised = ROVA_ERROR_NOT_FOUND;
+            throw rova::exception(m_raised, "no such registration", ROVA_HERE);
         }
     }
 
     uint32_t m_next_id = 100;
     std::set<tlox_umem*> m_live;
     std::vector<std::string> m_calls;
-    std::map<std::string, std::function<void()>> m_failures;
+    std::map<std::string, failure> m_failures;
 };
 
 /** The device around it. */
-class scripted_device : public rova_dev {
+class scripted_device : public rova_dev, private device_abstraction::idevice_adapter {
 public:
-    scripted_device() { device_adapter = std::make_shared<adapter>(m_tlox); }
+    // Whoever holds the device owns it; its adapter only refers to it.
+    scripted_device() { device_adapter = {std::shared_ptr<void>(), this}; }
 
     scripted_tlox* operator->() const { return m_tlox.get(); }
 
     /** How many hold the object adapter beside the device itself. */
-    long borrowers() const { return m_tlox.use_count() - 2; }
+    long borrowers() const { return m_tlox.use_count() - 1; }
 
 private:
-    struct adapter final : device_abstraction::idevice_adapter {
-        explicit adapter(std::shared_ptr<scripted_tlox> tlox) : m_tlox(std::move(tlox)) {}
-        std::shared_ptr<device_abstraction::itlox_adapter> get_tlox_adapter() noexcept override
-        {
-            return m_tlox;
-        }
-        std::shared_ptr<scripted_tlox> m_tlox;
-    };
+    std::shared_ptr<device_abstraction::itlox_adapter> get_tlox_adapter() noexcept override
+    {
+        return m_tlox;
+    }
 
-    std::shared_ptr<scripted_tlox> m_tlox = std::make_shared<scripted_tlox>();
+    const std::shared_ptr<scripted_tlox> m_tlox = std::make_shared<scripted_tlox>();
 };
 
 }  // namespace support

@@ -1,84 +1,63 @@
 /*
  * A GPU layer and an accelerator layer that do as they are told.
  *
- * The two look-up functions are defined here, in the program, and so take precedence over the
- * platform's, which they ask when there is no script. For one source file of a program.
+ * The two look-up functions are defined here, in the program, and so take
+ * precedence over the platform's. For one source file of a program.
  */
 #pragma once
-
-#include <dlfcn.h>
 
 #include "priv_rova_sub_dev_apx.h"
 #include "priv_rova_sub_dev_gpu.h"
 
 namespace support {
 
-/** The layers' answers while it lives; it is the GPU and the accelerator context, too. */
+/**
+ * The layers' answers; it is the GPU and the accelerator context, too. A
+ * failing answer comes with a value all the same, which nobody is to use.
+ */
 struct scripted_layers {
-    scripted_layers() { s_current = this; }
-    ~scripted_layers() { s_current = nullptr; }
-    scripted_layers(const scripted_layers&) = delete;
-    scripted_layers& operator=(const scripted_layers&) = delete;
-
     rova_gpu* gpu() { return reinterpret_cast<rova_gpu*>(this); }
     rova_apx* apx() { return reinterpret_cast<rova_apx*>(this); }
 
-    bool m_gpu_present = true;
     rova_error_t m_dmabuf_code = ROVA_SUCCESS;
     int m_dmabuf_fd = 33;
-
-    bool m_apx_present = true;
     rova_dev* m_apx_dev = nullptr;
     rova_error_t m_id_code = ROVA_SUCCESS;      // the umem id is 77
     rova_error_t m_offset_code = ROVA_SUCCESS;  // an address lies 0x100 further into its umem
 
-    static inline const scripted_layers* s_current = nullptr;
+    static inline bool s_present = true;
 };
 
-template <class value>
-rova_error_t answer(rova_error_t code, value* output, value right)
+template <class context>
+const scripted_layers& layers_of(const context* object)
 {
-    if (code == ROVA_SUCCESS) {
-        *output = right;
-    }
-    return code;
+    return *reinterpret_cast<const scripted_layers*>(object);
 }
 
 }  // namespace support
 
 const priv_rova_sub_dev_gpu_ops* priv_rova_sub_dev_gpu_ops_get()
 {
-    using support::scripted_layers;
-    static const priv_rova_sub_dev_gpu_ops scripted = {
+    static const priv_rova_sub_dev_gpu_ops layer = {
         [](rova_gpu* gpu, void*, size_t, int* dmabuf_fd) {
-            const auto& layers = *reinterpret_cast<scripted_layers*>(gpu);
-            return support::answer(layers.m_dmabuf_code, dmabuf_fd, layers.m_dmabuf_fd);
+            *dmabuf_fd = support::layers_of(gpu).m_dmabuf_fd;
+            return support::layers_of(gpu).m_dmabuf_code;
         }};
-    if (scripted_layers::s_current != nullptr) {
-        return scripted_layers::s_current->m_gpu_present ? &scripted : nullptr;
-    }
-    void* const next = dlsym(RTLD_NEXT, "priv_rova_sub_dev_gpu_ops_get");
-    return reinterpret_cast<decltype(&priv_rova_sub_dev_gpu_ops_get)>(next)();
+    return support::scripted_layers::s_present ? &layer : nullptr;
 }
 
 const priv_rova_sub_dev_apx_ops* priv_rova_sub_dev_apx_ops_get()
 {
-    using support::scripted_layers;
-    static const auto of = [](const rova_apx* apx) {
-        return reinterpret_cast<const scripted_layers*>(apx);
-    };
-    static const priv_rova_sub_dev_apx_ops scripted = {
-        [](const rova_apx* apx) { return of(apx)->m_apx_dev; },
+    static const priv_rova_sub_dev_apx_ops layer = {
+        [](const rova_apx* apx) { return support::layers_of(apx).m_apx_dev; },
         nullptr,  // the component has no use for it
         [](const rova_apx* apx, uint32_t* umem_id) {
-            return support::answer(of(apx)->m_id_code, umem_id, 77U);
+            *umem_id = 77;
+            return support::layers_of(apx).m_id_code;
         },
         [](const rova_apx* apx, uint64_t address, uint64_t* base_offset) {
-            return support::answer(of(apx)->m_offset_code, base_offset, address + 0x100);
+            *base_offset = address + 0x100;
+            return support::layers_of(apx).m_offset_code;
         }};
-    if (scripted_layers::s_current != nullptr) {
-        return scripted_layers::s_current->m_apx_present ? &scripted : nullptr;
-    }
-    void* const next = dlsym(RTLD_NEXT, "priv_rova_sub_dev_apx_ops_get");
-    return reinterpret_cast<decltype(&priv_rova_sub_dev_apx_ops_get)>(next)();
+    return support::scripted_layers::s_present ? &layer : nullptr;
 }

@@ -3,6 +3,7 @@
  */
 #pragma once
 
+#include <fnmatch.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -32,19 +33,12 @@ std::string refusal(const call& attempt)
     }
 }
 
-/** The log while it lives, each record as "source function: text". */
-struct log_texts : std::vector<std::string> {
-    log_texts() { rova_soft_log_set_sink(&log_texts::hear, this); }
-    ~log_texts() { rova_soft_log_set_sink(nullptr, nullptr); }
-    log_texts(const log_texts&) = delete;
-    log_texts& operator=(const log_texts&) = delete;
-
-    static void hear(const rova_soft_log_record* record, void* user)
-    {
-        static_cast<log_texts*>(user)->push_back(std::string(record->source) + " " +
-                                                 record->function + ": " + record->message);
-    }
-};
+/** Expects a pattern, as of file names, somewhere in a text. */
+inline void expect_match(const std::string& text, const std::string& pattern)
+{
+    EXPECT_EQ(::fnmatch(("*" + pattern + "*").c_str(), text.c_str(), 0), 0) << pattern << "\n"
+                                                                            << text;
+}
 
 struct soft_device {
     soft_device() { EXPECT_EQ(rova_soft_dev_open(&m_dev), ROVA_SUCCESS); }

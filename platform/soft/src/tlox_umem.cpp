@@ -136,9 +136,7 @@ void tlox_umem::end() noexcept
 {
     const std::lock_guard<std::shared_mutex> lock(m_mutex);
     m_ended = true;
-    if (m_record.magic != 0) {
-        soft::remove_exported_record(m_record);
-    }
+    soft::remove_exported_record(m_record);
     // Other processes read the record, which the compiler cannot know.
     ::explicit_bzero(&m_record, sizeof(m_record));
 }
