@@ -18,7 +18,7 @@ extern "C" {
 
 /** Callbacks of the accelerator layer. They report by code and do not throw. */
 struct priv_rova_sub_dev_apx_ops {
-    /** The device that an accelerator context runs on. */
+    /** The device that an accelerator context runs on; never NULL. */
     struct rova_dev* (*get_dev_cb)(const struct rova_apx* apx);
 
     /** The physical-function device of an accelerator context. */

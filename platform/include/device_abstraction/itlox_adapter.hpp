@@ -22,9 +22,10 @@ namespace device_abstraction {
 /**
  * Registers memory with one device, and ends, shares and takes over registrations.
  *
- * Operations that throw throw a rova::exception whose code and text say what was refused, or
- * whatever failed beneath them (std::bad_alloc). A failed operation changes nothing: what was
- * registered stays registered, and nothing new is.
+ * Operations that throw throw a rova::exception whose code, never ROVA_SUCCESS, and text say what
+ * was refused, or whatever failed beneath them (std::bad_alloc). A failed operation changes
+ * nothing: what was registered stays registered, and nothing new is. A handle that is returned is
+ * never null.
  *
  * Safe from any number of threads; operations on one handle are serialised by the caller.
  *
@@ -76,7 +77,7 @@ public:
     /**
      * Describes a registration to another process or device context.
      *
-     * @param umem  the handle.
+     * @param umem  the handle; null for accelerator memory, which has none: refused.
      * @return bytes that `import_umem` understands; an empty vector means failure.
      */
     virtual std::vector<uint8_t> export_umem(tlox_umem* umem) = 0;
@@ -97,7 +98,7 @@ public:
     /**
      * Hands a registration over to the device without ending it. The handle is spent.
      *
-     * @param umem  the handle.
+     * @param umem  the handle; null for accelerator memory, which has none: refused.
      */
     virtual void release_umem(tlox_umem* umem) = 0;
 };

@@ -14,9 +14,11 @@
  *   4. JSON:            json_c_serializer, a tree to text and text to a tree
  *   5. both ends:       priv_rova_exporter, priv_rova_importer
  *
- * Failures are thrown, as rova::exception with a code and the place, and caught by the exported
- * functions of the component; nothing here catches. Objects are used by one thread at a time, and
- * separate trees are independent; a node may be released on another thread than it was made on.
+ * Failures are thrown and caught by the exported functions of the component; nothing here catches.
+ * What the framework refuses it refuses with a rova::exception, which has a code and the place;
+ * std::bad_alloc, and std::out_of_range from an array's `at`, pass as they are. Objects are used by
+ * one thread at a time, and separate trees are independent; a node may be released on another
+ * thread than it was made on.
  *
  * @{
  */
@@ -1046,6 +1048,7 @@ public:
             throw std::logic_error("json_object_to_json_string_ext gave no text");
         }
         str = text;
+        // Not tested: takes more than 1 GiB.
         if (str.size() > max_text_bytes) {
             throw rova::exception(ROVA_ERROR_TOO_BIG, "text is too long for a descriptor",
                                   ROVA_HERE);
@@ -1132,6 +1135,7 @@ private:
 
     static const char* printable(const std::string& text)
     {
+        // Not tested: takes more than 1 GiB.
         if (text.size() > max_text_bytes) {
             throw rova::exception(ROVA_ERROR_TOO_BIG, "text is too long for a descriptor",
                                   {__FILE__, "visit", __LINE__});
@@ -1219,6 +1223,7 @@ private:
         }
         json_ptr document;
         json_tokener_error error = json_tokener_continue;
+        // Not tested: that json-c asks for more after the NUL.
         for (bool at_end = false; error == json_tokener_continue && !at_end;) {
             at_end = *text == '\0';
             const size_t length = at_end ? 1 : piece_length(text);

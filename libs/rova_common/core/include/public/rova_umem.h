@@ -15,7 +15,8 @@
  *    after a failure every output and every object is as it was.
  *  - Arguments are checked in the order of the checks that a call lists. The first that fails is
  *    logged and returned as ROVA_ERROR_INVALID_VALUE; the others are not looked at.
- *  - A failure is logged once, where it is found, through the SDK's log.
+ *  - A failure is logged where it is found, through the SDK's log. The layers that it passes on
+ *    its way to the caller may each add a record of what they were doing.
  *  - The caller of a create function owns the region and destroys it exactly once. A region refers
  *    to its device and to its memory without owning them: both have to outlive it.
  *  - Calls on different regions may run in parallel. Calls on one region, its destruction above
@@ -49,8 +50,8 @@ extern "C" {
  * @return
  *  - ROVA_ERROR_INVALID_VALUE: an argument is refused, in the order above;
  *  - ROVA_ERROR_NO_MEMORY: memory for the region itself ran out;
- *  - any other code: the device's own, when it refuses the registration. Nothing is registered
- *    then.
+ *  - otherwise the device's code, when it refuses the registration; it may be any, those above
+ *    included. Nothing is registered then.
  */
 ROVA_EXPERIMENTAL rova_error_t rova_umem_create(const struct rova_dev* dev, void* address,
                                                 size_t size, uint32_t access_flags,
@@ -60,8 +61,8 @@ ROVA_EXPERIMENTAL rova_error_t rova_umem_create(const struct rova_dev* dev, void
  * Registers a range of GPU memory with a device.
  *
  * The range is registered through a dma-buf of the GPU layer. Where that cannot be had, or the
- * device refuses it, the range is registered by its address; such a first refusal is not a failure
- * of this call. The page size is the system's.
+ * device refuses it, the range is registered by its address; such a first refusal is logged by the
+ * device's side but not a failure of this call. The page size is the system's.
  *
  * @param gpu           the GPU that the memory belongs to; not NULL.
  * @param dev           the device; not NULL.
@@ -75,7 +76,8 @@ ROVA_EXPERIMENTAL rova_error_t rova_umem_create(const struct rova_dev* dev, void
  *    whatever the way of registering refuses (dev, address);
  *  - ROVA_ERROR_BAD_STATE: there is no GPU layer;
  *  - ROVA_ERROR_NO_MEMORY: memory for the region itself ran out;
- *  - any other code: the device's own, from registering by address. Nothing is registered then.
+ *  - otherwise the device's code from registering by address; it may be any, those above included.
+ *    Nothing is registered then.
  */
 ROVA_EXPERIMENTAL rova_error_t rova_umem_gpu_create(struct rova_gpu* gpu, struct rova_dev* dev,
                                                     void* address, size_t size,
@@ -96,7 +98,8 @@ ROVA_EXPERIMENTAL rova_error_t rova_umem_gpu_create(struct rova_gpu* gpu, struct
  *  - ROVA_ERROR_INVALID_VALUE: an argument is refused: apx, size, umem_obj;
  *  - ROVA_ERROR_INITIALIZATION: there is no accelerator layer;
  *  - ROVA_ERROR_NO_MEMORY: memory for the region itself ran out;
- *  - any other code: the accelerator layer's own, when it has no umem id or knows no such address.
+ *  - otherwise the accelerator layer's code, when it has no umem id or knows no such address; it
+ *    may be any, those above included.
  */
 ROVA_EXPERIMENTAL rova_error_t rova_umem_apx_create(struct rova_apx* apx, uint64_t address,
                                                     size_t size, uint32_t access_flags,
@@ -109,8 +112,8 @@ ROVA_EXPERIMENTAL rova_error_t rova_umem_apx_create(struct rova_apx* apx, uint64
  *
  * @return
  *  - ROVA_ERROR_INVALID_VALUE: umem_obj is NULL;
- *  - any other code: the device's own, when it cannot end the registration. The region is alive and
- *    registered then, and can be destroyed later.
+ *  - otherwise the device's code, when it cannot end the registration; it may be any. The region is
+ *    alive and registered then, and can be destroyed later.
  */
 ROVA_EXPERIMENTAL rova_error_t rova_umem_destroy(struct rova_umem* umem_obj);
 

@@ -158,6 +158,7 @@ inline uint32_t priv_rova_utils_crc32_normal_update(uint32_t state, const void* 
                                                     size_t length)
 {
     const auto* bytes = static_cast<const uint8_t*>(buffer);
+    // Not tested: a processor without the instruction.
     if (length >= priv_rova_utils_folding::shortest && __builtin_cpu_supports("pclmul") != 0) {
         return priv_rova_utils_folding::update(state, bytes, length);
     }
