@@ -3,6 +3,7 @@
  */
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "priv_rova_exception_converter.h"
@@ -201,6 +202,30 @@ TEST(soft_apx, is_known_from_its_first_byte_to_its_last_while_it_is_open)
     EXPECT_EQ(rova_soft_dev_close(device.m_dev), ROVA_ERROR_IN_USE);
     EXPECT_EQ(rova_soft_apx_close(apx), ROVA_SUCCESS);
     EXPECT_EQ(device.read(id, 0, 1).first, ROVA_ERROR_NOT_FOUND);
+}
+
+TEST(soft_device, does_not_reach_memory_that_nobody_else_may_read)
+{
+    const auto file = static_cast<int>(::syscall(SYS_memfd_secret, 0));
+    if (file < 0 || ::ftruncate(file, static_cast<off_t>(page)) != 0) {
+        GTEST_SKIP() << "this kernel has no secret memory";
+    }
+    void* const memory = ::mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    const soft_device device;
+    const registration secret = device->register_umem(memory, page, read_write, page);
+    EXPECT_EQ(device.read(secret.second, 0, 2), read_result(ROVA_ERROR_IO_FAILED, {0, 0}));
+    EXPECT_EQ(device.write(secret.second, 0, "no"), ROVA_ERROR_IO_FAILED);
+    device->deregister_umem(secret.first);
+}
+
+TEST(soft_layers, can_be_absent)
+{
+    for (const bool present : {false, true}) {
+        rova_soft_gpu_layer_set_present(present);
+        rova_soft_apx_layer_set_present(present);
+        EXPECT_EQ(priv_rova_sub_dev_gpu_ops_get() != nullptr, present);
+        EXPECT_EQ(priv_rova_sub_dev_apx_ops_get() != nullptr, present);
+    }
 }
 
 }  // namespace
