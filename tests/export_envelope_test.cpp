@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <type_traits>
 
 #include "support/export_helpers.hpp"
@@ -7,25 +8,19 @@ namespace {
 using bytes = std::vector<uint8_t>;
 using numbers = std::initializer_list<uint16_t>;
 using core::export_header_factory;
+using core::export_proto;
 
 constexpr const char* too_short =
-    "ROVA_ERROR_INVALID_VALUE evaluate: blob length is smaller than common export export_header "
-    "length";
-constexpr const char* wrong_length =
-    "ROVA_ERROR_INVALID_VALUE evaluate: blob length is smaller than expected";
-constexpr const char* wrong_sum = "ROVA_ERROR_INVALID_VALUE evaluate: invalid export_header crc";
+    "INVALID_VALUE evaluate: blob length is smaller than common export export_header length";
+constexpr const char* wrong_length = "INVALID_VALUE evaluate: blob length is smaller than expected";
 constexpr const char* unknown_major =
-    "ROVA_ERROR_UNSUPPORTED_VERSION create: Can't create export_header of unknown major version";
-
-const bytes empty_object = {0x30, 0x8A, 0x63, 0xFB, 0x00, 0x00, 0x0C, 0x00,
-                            0x03, 0x00, 0x00, 0x00, 0x35, 0x32, 0x50};
+    "UNSUPPORTED_VERSION create: Can't create export_header of unknown major version";
 
 bytes seal(const bytes& payload)
 {
-    const core::export_buf_ptr sealed = export_header_factory::get_latest()->serialize(
-        payload.data(), static_cast<uint32_t>(payload.size()));
-    EXPECT_EQ(sealed.first.size(), sealed.second);
-    return sealed.first;
+    return export_header_factory::get_latest()
+        ->serialize(payload.data(), static_cast<uint32_t>(payload.size()))
+        .first;
 }
 
 /** The payload of a descriptor; what refuses one throws. */
@@ -46,119 +41,84 @@ bytes forge(uint16_t version, uint16_t header_length, uint32_t payload_length, s
     for (size_t i = 12; i < length; ++i) {
         forged[i] = static_cast<uint8_t>(i * 37);
     }
-    const uint64_t fields =
-        version | uint64_t{header_length} << 16 | uint64_t{payload_length} << 32;
-    for (size_t i = 0; i < 8; ++i) {
-        forged[4 + i] = static_cast<uint8_t>(fields >> (8 * i));
-    }
-    const uint32_t sum = priv_rova_utils_crc32_normal(forged.data(), length);
-    for (size_t i = 0; i < 4; ++i) {
-        forged[i] = static_cast<uint8_t>(sum >> (8 * i));
-    }
+    core::common_header header{0, version, header_length, payload_length};
+    header.write(forged.data());
+    header.crc = priv_rova_utils_crc32_normal(forged.data(), length);
+    header.write(forged.data());
     return forged;
 }
 
 TEST(envelope, is_the_known_bytes_and_gives_back_what_was_put_in)
 {
     EXPECT_EQ(seal({}), (bytes{0x97, 0xD4, 0x8E, 0xFC, 0, 0, 0x0C, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(seal({'{', '}', 0}), empty_object);
-    for (const size_t length : {0u, 1u, 3u, 255u, 256u, 300u, 70000u}) {
-        bytes payload(length);
-        for (size_t i = 0; i < length; ++i) {
-            payload[i] = static_cast<uint8_t>(i * 11);
-        }
-        const bytes sealed = seal(payload);
-        EXPECT_EQ(
-            bytes(sealed.begin() + 4, sealed.begin() + 12),
-            (bytes{0, 0, 12, 0, static_cast<uint8_t>(length), static_cast<uint8_t>(length >> 8),
-                   static_cast<uint8_t>(length >> 16), 0}));
-        EXPECT_EQ(open(sealed), payload);
-    }
+    EXPECT_EQ(seal({'{', '}', 0}), (bytes{0x30, 0x8A, 0x63, 0xFB, 0x00, 0x00, 0x0C, 0x00, 0x03,
+                                          0x00, 0x00, 0x00, 0x35, 0x32, 0x50}));
+    const bytes payload(70000, 'x');
+    const bytes sealed = seal(payload);
+    EXPECT_EQ(bytes(&sealed[4], &sealed[12]), (bytes{0, 0, 12, 0, 0x70, 0x11, 1, 0}));
+    EXPECT_EQ(open(sealed), payload);
 }
 
 TEST(envelope, refuses_every_truncation_and_every_flipped_bit)
 {
     const bytes whole = seal(bytes(40, 'x'));
     for (size_t length = 0; length < whole.size(); ++length) {
-        const bytes cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(length));
-        const bytes empty_is_not_null(1);
-        const uint8_t* const blob = length == 0 ? empty_is_not_null.data() : cut.data();
-        EXPECT_EQ(failure_of([&] { export_header_factory::evaluate(blob, length); }),
+        const bytes cut(whole.data(), whole.data() + std::max(length, size_t{1}));
+        EXPECT_EQ(failure_of([&] { export_header_factory::evaluate(cut.data(), length); }),
                   length < 12 ? too_short : wrong_length)
             << length;
     }
-    bytes longer = whole;
-    longer.push_back(0);
-    EXPECT_EQ(failure_of([&] { open(longer); }), wrong_length);
     for (size_t bit = 0; bit < 8 * whole.size(); ++bit) {
         bytes flipped = whole;
         flipped[bit / 8] = static_cast<uint8_t>(flipped[bit / 8] ^ (1u << bit % 8));
         const bool in_lengths = bit / 8 >= 6 && bit / 8 < 12;
-        EXPECT_EQ(failure_of([&] { open(flipped); }), in_lengths ? wrong_length : wrong_sum)
+        EXPECT_EQ(failure_of([&] { open(flipped); }),
+                  in_lengths ? wrong_length : "INVALID_VALUE evaluate: invalid export_header crc")
             << "bit " << bit;
     }
-    for (const size_t length : {0u, 12u}) {
-        EXPECT_EQ(failure_of([&] { export_header_factory::evaluate(nullptr, length); }),
-                  "ROVA_ERROR_INVALID_VALUE evaluate: blob is NULL");
-    }
-}
-
-TEST(envelope, adds_its_lengths_without_wrapping)
-{
-    EXPECT_EQ(failure_of([] { open(forge(0, 13, 0xFFFFFFFF, 12)); }), wrong_length);
-    EXPECT_EQ(failure_of([] { open(forge(0, 0xFFFF, 0xFFFF0010, 15)); }), wrong_length);
+    EXPECT_EQ(failure_of([] { open(forge(0, 12, 4, 17)); }), wrong_length) << "too long";
+    EXPECT_EQ(failure_of([] { open(forge(0, 13, 0xFFFFFFFF, 12)); }), wrong_length) << "wraps";
+    EXPECT_EQ(failure_of([] { export_header_factory::evaluate(nullptr, 12); }),
+              "INVALID_VALUE evaluate: blob is NULL");
+    EXPECT_EQ(failure_of([&] {
+                  export_header_factory::create({0, 1})->get_payload(&whole[0], 11);
+              }),
+              "INVALID_VALUE get_payload: blob length is smaller than common export export_header "
+              "length");
 }
 
 TEST(envelope, takes_the_payload_from_where_the_header_ends)
 {
-    for (const uint16_t header_length : numbers{0, 1, 8, 11, 12, 13, 20, 40}) {
+    for (const uint16_t header_length : numbers{0, 1, 11, 12, 13, 40}) {
         const bytes forged = forge(0, header_length, 40u - header_length, 40);
-        const bytes payload = open(forged);
-        ASSERT_EQ(payload.size(), 40u - header_length);
-        for (size_t i = 0; i < payload.size(); ++i) {
-            ASSERT_EQ(payload[i], static_cast<uint8_t>(forged[header_length + i] ^ (0x4E + i)))
-                << "header of " << header_length << ", byte " << i;
+        bytes wanted(forged.begin() + header_length, forged.end());
+        for (size_t i = 0; i < wanted.size(); ++i) {
+            wanted[i] = static_cast<uint8_t>(wanted[i] ^ (0x4E + i));
         }
-    }
-}
-
-TEST(envelope, is_not_read_when_it_is_shorter_than_its_header)
-{
-    for (const uint16_t minor : {uint16_t{0}, uint16_t{1}}) {
-        const auto header = export_header_factory::create({0, minor});
-        EXPECT_EQ(failure_of([&] { header->get_payload(empty_object.data(), 11); }),
-                  "ROVA_ERROR_INVALID_VALUE get_payload: blob length is smaller than common export "
-                  "export_header length");
+        EXPECT_EQ(open(forged), wanted) << "header of " << header_length;
     }
 }
 
 TEST(envelope, of_a_later_minor_version_is_read_only_and_of_another_major_version_refused)
 {
-    for (const uint16_t version : numbers{0x0001, 0x0003, 0x03FF}) {
+    for (const uint16_t version : numbers{0x0001, 0x03FF}) {
         const bytes forged = forge(version, 12, 5, 17);
         EXPECT_EQ(open(forged).size(), 5u);
         const auto header = export_header_factory::evaluate(forged.data(), forged.size());
         EXPECT_EQ(failure_of([&] { header->serialize(forged.data(), 1); }),
-                  "ROVA_ERROR_UNSUPPORTED_VERSION serialize: can't serialize unknown "
-                  "export_header");
+                  "UNSUPPORTED_VERSION serialize: can't serialize unknown export_header");
     }
-    for (const uint16_t version : numbers{0x0400, 0x0401, 0x8000, 0xFC00, 0xFFFF}) {
+    for (const uint16_t version : numbers{0x0400, 0x0401, 0x8000, 0xFFFF}) {
         EXPECT_EQ(failure_of([&] { open(forge(version, 12, 5, 17)); }), unknown_major) << version;
     }
-    EXPECT_EQ(failure_of([] { export_header_factory::create({1, 0}); }), unknown_major);
     EXPECT_EQ(failure_of([] { export_header_factory::create({64, 0}); }), unknown_major);
-    EXPECT_NE(dynamic_cast<core::export_header_0_0*>(export_header_factory::get_latest().get()),
-              nullptr);
 }
 
 TEST(envelope, refuses_a_payload_whose_descriptor_would_be_too_long_before_it_looks_at_it)
 {
-    const uint8_t byte = 0;
     for (const uint32_t length : {0xFFFFFFF4u, 0xFFFFFFFFu}) {
-        EXPECT_EQ(failure_of([&] {
-                      export_header_factory::get_latest()->serialize(&byte, length);
-                  }).rfind("ROVA_ERROR_TOO_BIG serialize: ", 0),
-                  0u);
+        EXPECT_EQ(failure_of([&] { export_header_factory::get_latest()->serialize({}, length); }),
+                  "TOO_BIG serialize: payload is too long for a descriptor");
     }
 }
 
@@ -178,50 +138,32 @@ bytes exported(core::priv_rova_exporter& exporter)
 TEST(exporter, makes_the_same_bytes_each_time_and_new_ones_for_a_new_tree)
 {
     core::priv_rova_exporter exporter;
+    const std::string refused = "BAD_STATE export_obj: only an object can be exported";
+    EXPECT_EQ(failure_of([&] { exported(exporter); }), refused);
     exporter["a"];
     const bytes first = exported(exporter);
     EXPECT_EQ(exported(exporter), first);
-    exporter["a"] = core::export_proto(5u);
-    const bytes second = exported(exporter);
-    const bytes text = open(second);
-    EXPECT_EQ(std::string(text.begin(), text.end()), std::string("{\"a\":5}", 8));
-    EXPECT_EQ(core::priv_rova_importer::import(first.data(), first.size())["a"].is_null(), true);
+    exporter["a"] = export_proto(5u);
+    EXPECT_EQ(open(exported(exporter)), (bytes{'{', '"', 'a', '"', ':', '5', '}', 0}));
+    static_cast<export_proto&>(exporter) = export_proto(5u);
+    EXPECT_EQ(failure_of([&] { exported(exporter); }), refused);
 }
 
-TEST(importer, reads_what_an_exporter_wrote_and_owns_it)
+TEST(importer, owns_what_it_read_and_so_does_a_lookup)
 {
     core::priv_rova_exporter exporter;
-    exporter["size"] = core::export_proto(~0ul);
-    exporter["flags"] = core::export_proto(0x80000000u);
-    exporter["list"] = core::export_proto{1u, "two", {{"three", true}}};
-    bytes descriptor = exported(exporter);
-    const core::export_proto list = [&] {
+    exporter["flags"] = export_proto(0x80000000u);
+    exporter["list"] = export_proto{1u, {{"three", true}}};
+    const export_proto list = [&] {
+        bytes descriptor = exported(exporter);
         const auto importer =
             core::priv_rova_importer::import(descriptor.data(), descriptor.size());
         descriptor.assign(descriptor.size(), 0xFF);
-        EXPECT_EQ(importer["size"].get_uint64(), ~0ul);
-        EXPECT_EQ(importer["flags"].get_uint32(), 0x80000000u);
         EXPECT_EQ(importer["flags"].get_uint64(), 0xFFFFFFFF80000000u);
         EXPECT_TRUE(importer["absent"]["deeper"].is_null());
-        EXPECT_EQ(failure_of([&] { importer[size_t{0}]; }),
-                  "ROVA_ERROR_NOT_SUPPORTED operator[]: Operator [](size_t) for non-array value is "
-                  "not supported");
         return importer["list"];
     }();
-    EXPECT_EQ(list.length(), 3u);
-    EXPECT_EQ(list[1].get_string(), "two");
-    EXPECT_EQ(list[2]["three"].is_bool(), true);
-}
-
-TEST(importer, reads_the_empty_object_and_refuses_it_with_one_byte_changed)
-{
-    const auto import = [](const bytes& descriptor) {
-        return core::priv_rova_importer::import(descriptor.data(), descriptor.size());
-    };
-    EXPECT_EQ(print(*import(empty_object).begin()), "{}");
-    bytes changed = empty_object;
-    changed[12] ^= 1;
-    EXPECT_EQ(failure_of([&] { import(changed); }), wrong_sum);
+    EXPECT_TRUE(list[1]["three"].is_bool());
 }
 
 }  // namespace

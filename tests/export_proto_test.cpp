@@ -1,3 +1,4 @@
+#include <tuple>
 #include <type_traits>
 
 #include "support/export_helpers.hpp"
@@ -29,29 +30,21 @@ static_assert(!std::is_copy_assignable_v<export_proto>);
 
 TEST(proto, makes_the_node_that_fits_the_value)
 {
-    const auto number = [](export_proto proto) {
-        EXPECT_TRUE(proto.is_number());
-        EXPECT_FALSE(proto.is_bool() || proto.is_null() || proto.is_string());
-        return open_proto(std::move(proto)).node();
+    const auto node = [](export_proto&& proto) {
+        EXPECT_TRUE(proto.is_number() && !proto.is_bool() && !proto.is_null());
+        const field_ptr made = open_proto(std::move(proto)).node();
+        EXPECT_TRUE(made->get_parent() == nullptr && made.use_count() == 1);
+        return std::tuple(std::dynamic_pointer_cast<core::export_field_uint64>(made) != nullptr,
+                          made->get_uint32(), made->get_uint64());
     };
-    using core::export_field_uint32;
-    using core::export_field_uint64;
-    const field_ptr byte = number(static_cast<unsigned char>(200));
-    EXPECT_NE(std::dynamic_pointer_cast<export_field_uint32>(byte), nullptr);
-    EXPECT_EQ(byte->get_uint32(), 200u);
-    EXPECT_NE(std::dynamic_pointer_cast<export_field_uint32>(number(~0u)), nullptr);
-    EXPECT_EQ(number(~0u)->get_uint64(), 0xFFFFFFFFu);
-    EXPECT_NE(std::dynamic_pointer_cast<export_field_uint64>(number(5ul)), nullptr);
-    EXPECT_EQ(number(~0ul)->get_uint64(), ~0ul);
-    EXPECT_EQ(number(~0ul)->get_parent(), nullptr);
-
-    EXPECT_TRUE(export_proto(true).is_bool());
-    EXPECT_EQ(text_of(export_proto(false)), "false");
-    EXPECT_TRUE(export_proto(nullptr).is_null());
-    EXPECT_EQ(export_proto("text").get_string(), "text");
+    EXPECT_EQ(node(static_cast<unsigned char>(200)), std::tuple(false, 200u, 200ul));
+    EXPECT_EQ(node(~0u), std::tuple(false, ~0u, 0xFFFFFFFFul));
+    EXPECT_EQ(node(5ul), std::tuple(true, 5u, 5ul));
+    EXPECT_EQ(node(~0ul - 1), std::tuple(true, ~0u - 1, ~0ul - 1));
     EXPECT_EQ(export_proto(std::string("a\0b", 3)).get_string().size(), 3u);
     const char* const no_text = nullptr;
-    EXPECT_EQ(failure_of([&] { export_proto{no_text}; }).rfind("ROVA_ERROR_INVALID_VALUE ", 0), 0u);
+    EXPECT_EQ(failure_of([&] { export_proto{no_text}; }),
+              "INVALID_VALUE export_proto: export_proto text is NULL");
 }
 
 TEST(proto, makes_an_object_of_pairs_and_an_array_of_anything_else)
@@ -67,11 +60,12 @@ TEST(proto, makes_an_object_of_pairs_and_an_array_of_anything_else)
         {{{"major", 1u}}, R"({"major":1})"},
         {{{"major", 1u}, 2u}, R"([["major",1],2])"},
         {{2u, {"major", 1u}}, R"([2,["major",1]])"},
+        {{{1u, "major"}, {"a", 1u, 2u}}, R"([[1,"major"],["a",1,2]])"},
         {{{"z", {{"y", {"x", true, nullptr}}}}, {"a", {nullptr}}},
          R"({"a":[],"z":{"y":["x",true,null]}})"},
-        {{7u, "s", false}, R"([7,"s",false])"},
+        {{0u}, "[0]"},
+        {{0u, 0u}, "[0,0]"},
         {{nullptr}, "[]"},
-        {{nullptr, nullptr}, "[]"},
         {std::initializer_list<export_proto>{}, "[]"},
     };
     for (auto& row : rows) {
@@ -83,7 +77,6 @@ TEST(proto, shares_the_nodes_that_a_list_is_made_of)
 {
     const field_ptr node = make_array();
     const open_proto array(export_proto{export_proto(node), 1u});
-    EXPECT_EQ(array.node()->at(0), node);
     EXPECT_EQ(node->get_parent(), array.node().get());
     const open_proto object(export_proto{{"key", export_proto(node)}, {"other", 1u}});
     EXPECT_EQ((*object.node())["key"], node);
@@ -93,38 +86,23 @@ TEST(proto, shares_the_nodes_that_a_list_is_made_of)
 
 TEST(proto, reads_through_its_node)
 {
-    const field_ptr array = make_array();
-    const export_proto proto(array);
-    array->add("", make<core::export_field_uint64>(5ul));
-    array->add("", make<core::export_field_double>(0.5));
-    EXPECT_EQ(proto.length(), 2u);
-    EXPECT_EQ(proto[size_t{0}].get_uint32(), 5u);
-    EXPECT_EQ(proto[size_t{0}].get_uint64(), 5u);
-    EXPECT_EQ(proto[size_t{1}].get_double(), 0.5);
-    size_t position = 0;
+    const export_proto proto(make_array({make<core::export_field_double>(0.5), make_null()}));
+    double sum = 0;
     for (const core::export_field& element : proto) {
-        EXPECT_EQ(&element, array->at(position++).get());
+        sum += element.is_null() ? 1 : element.get_double();
     }
-    EXPECT_EQ(position, 2u);
-    EXPECT_EQ(failure_of([&] { proto["key"]; }),
-              "ROVA_ERROR_NOT_SUPPORTED operator[]: Operator [](string) for non-object value is "
-              "not supported");
+    EXPECT_EQ(std::tuple(proto.length(), proto[size_t{0}].get_double(), sum),
+              std::tuple(2u, 0.5, 1.5));
     const export_proto object(make_object());
-    EXPECT_TRUE(object["absent"].is_null());
     EXPECT_EQ(failure_of([&] { object["absent"]["deeper"]["still"].get_uint32(); }),
-              "ROVA_ERROR_NOT_PERMITTED get_uint32: export_field type doesn't hold "
-              "export_field_uint32");
-    EXPECT_FALSE(object.begin() != object.end());
+              "NOT_PERMITTED get_uint32: export_field type doesn't hold export_field_uint32");
     EXPECT_EQ(print(*object.begin()), R"({"absent":null})");
 }
 
 TEST(proto, without_a_node_becomes_an_object_at_its_first_lookup)
 {
     open_proto proto;
-    EXPECT_EQ(proto.node(), nullptr);
-    open_proto seven(export_proto(7u));
-    proto["key"] = std::move(seven);
-    EXPECT_EQ(seven.node(), nullptr);
+    proto["key"] = export_proto(7u);
     EXPECT_EQ(print(*proto.node()), R"({"key":7})");
     const open_proto moved(std::move(proto));
     EXPECT_EQ(proto.node(), nullptr);
@@ -143,8 +121,7 @@ TEST(assignment, to_a_member_replaces_it_under_its_key)
     EXPECT_EQ((*tree.root)["a"], node);
     EXPECT_EQ(node->get_parent(), tree.root.get());
     EXPECT_EQ(member.node(), former) << "the proto keeps standing for the node it replaced";
-    EXPECT_EQ(former->get_parent(), tree.root.get());
-    EXPECT_EQ(former.use_count(), 2);
+    EXPECT_EQ(former.use_count(), 2) << "here and in the proto";
     tree.proto["b"] = export_proto{nullptr};
     tree.proto["b"] += {true, "x"};
     EXPECT_EQ(print(*tree.root), R"({"a":{"m":2,"n":1},"b":[true,"x"]})");
@@ -156,25 +133,24 @@ TEST(assignment, to_a_root_releases_the_node_it_stood_for)
     const std::weak_ptr<core::export_field> former = root.node();
     open_proto value{export_proto("text")};
     root = std::move(value);
-    EXPECT_EQ(root.get_string(), "text");
     EXPECT_EQ(value.node(), nullptr);
     EXPECT_TRUE(former.expired());
+    open_proto& itself = root;
+    root = std::move(itself);
+    EXPECT_EQ(root.get_string(), "text");
 }
 
 TEST(assignment, below_a_null_is_refused_and_changes_nothing)
 {
     tree tree;
-    const field_ptr null = (*tree.root)["a"];
     open_proto below(tree.proto["a"]["b"]);
     const field_ptr node = below.node();
     open_proto value{export_proto(1u)};
     EXPECT_EQ(failure_of([&] { below = std::move(value); }),
-              "ROVA_ERROR_NOT_SUPPORTED remove: Remove child of non-container export_field is not "
-              "supported");
+              "NOT_SUPPORTED remove: Remove child of non-container export_field is not supported");
     EXPECT_EQ(below.node(), node);
     ASSERT_NE(value.node(), nullptr);
     EXPECT_EQ(value.node()->get_parent(), nullptr);
-    EXPECT_EQ((*tree.root)["a"], null);
     EXPECT_EQ(print(*tree.root), R"({"a":null})");
 }
 
@@ -188,9 +164,7 @@ TEST(append, adds_in_order_to_an_array_and_is_refused_by_what_holds_nothing)
     EXPECT_EQ(text_of(std::move(object)), R"({"":2})") << "each under the empty key";
     export_proto number(7u);
     EXPECT_EQ(failure_of([&] { number += {1u}; }),
-              "ROVA_ERROR_NOT_SUPPORTED add: Add child to non-container export_field is not "
-              "supported");
-    EXPECT_EQ(number.get_uint32(), 7u);
+              "NOT_SUPPORTED add: Add child to non-container export_field is not supported");
 }
 
 }  // namespace

@@ -2,10 +2,14 @@
 
 #include <cstdint>
 #include <random>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "rova_exception.hpp"
+#include "rova_version.h"
 
 namespace {
 
@@ -82,6 +86,20 @@ TEST(scrambling, adds_a_growing_key_and_takes_it_away_again)
         }
     }
     priv_rova_utils_scramble_descramble(nullptr, nullptr, 0, '\x4E');
+}
+
+TEST(exception, has_a_text_whatever_it_was_given)
+{
+    const char* const none = nullptr;
+    EXPECT_STREQ(rova::exception(ROVA_ERROR_FULL, none, ROVA_HERE).message(), "");
+    EXPECT_STREQ(rova::exception(ROVA_ERROR_FULL, ROVA_HERE).message(), "ROVA_ERROR_FULL");
+}
+
+TEST(version, of_the_library_is_that_of_its_header)
+{
+    const std::string minor = std::to_string(ROVA_VERSION_MINOR);
+    EXPECT_EQ(rova_version_get(), std::to_string(ROVA_VERSION_MAJOR) + "." + minor + "." +
+                                      std::to_string(ROVA_VERSION_PATCH));
 }
 
 }  // namespace

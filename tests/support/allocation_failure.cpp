@@ -87,11 +87,9 @@ namespace {
 
 bool fails()
 {
-    if (armed == nullptr || !armed->strikes()) {
-        return false;
-    }
-    errno = ENOMEM;
-    return true;
+    const bool failing = armed != nullptr && armed->strikes();
+    errno = failing ? ENOMEM : errno;
+    return failing;
 }
 
 void* counted(void* allocated)

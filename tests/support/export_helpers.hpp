@@ -16,26 +16,24 @@
 
 using field_ptr = std::shared_ptr<core::export_field>;
 
-inline constexpr const char* framework_file =
-    "libs/rova_common/core/include/private/priv_rova_export.hpp";
-
-/** What a call throws, as one line of text; the exceptions of the framework with their place. */
+/** What a call throws, as one line: "NO_MEMORY function: message" for those of the framework. */
 template <class callable>
 std::string failure_of(callable&& call)
 {
     try {
         call();
     } catch (const rova::exception& e) {
-        EXPECT_STREQ(e.location().file, framework_file);
+        EXPECT_STREQ(e.location().file,
+                     "libs/rova_common/core/include/private/priv_rova_export.hpp");
         EXPECT_GT(e.location().line, 0u);
-        return std::string(rova_error_get_name(e.error_code())) + " " + e.location().function +
-               ": " + e.message();
+        return rova_error_get_name(e.error_code()) + sizeof("ROVA_ERROR") +
+               (std::string(" ") + e.location().function) + ": " + e.message();
     } catch (const std::runtime_error& e) {
-        return std::string("std::runtime_error: ") + e.what();
+        return e.what();
     } catch (const std::out_of_range&) {
-        return "std::out_of_range";
+        return "out of range";
     } catch (const std::logic_error&) {
-        return "std::logic_error";
+        return "logic error";
     }
     return "nothing";
 }
@@ -50,13 +48,17 @@ inline field_ptr make_null()
 {
     return make<core::export_field_null>(nullptr);
 }
-inline field_ptr make_array()
-{
-    return std::make_shared<core::export_field_array>(nullptr);
-}
 inline field_ptr make_object()
 {
     return std::make_shared<core::export_field_object>(nullptr);
+}
+inline field_ptr make_array(const std::vector<field_ptr>& elements = {})
+{
+    const field_ptr array = std::make_shared<core::export_field_array>(nullptr);
+    for (const field_ptr& element : elements) {
+        array->add("not used", element);
+    }
+    return array;
 }
 
 /** A proto whose node can be seen. */
