@@ -323,8 +323,10 @@ private:
         {
             static_assert(sizeof(T) <= largest_node_bytes && alignof(T) <= node_alignment &&
                           sizeof(T) % node_alignment == 0);
-            return m_block != nullptr ? static_cast<T*>(m_block->take(count * sizeof(T)))
-                                      : std::allocator<T>().allocate(count);
+            if (m_block == nullptr) {
+                return std::allocator<T>().allocate(count);
+            }
+            return static_cast<T*>(m_block->take(count * sizeof(T)));
         }
 
         void deallocate(T* node, size_t count)
@@ -1077,7 +1079,7 @@ public:
     export_field* traverse(json_object* jso, json_object* /*parent_jso*/, const char* jso_key,
                            size_t* /*jso_index*/)
     {
-        const std::string jso_key_str = jso_key != nullptr ? jso_key : "";
+        const std::string jso_key_str = jso_key != nullptr ? std::string(jso_key) : std::string();
         switch (json_object_get_type(jso)) {
             case json_type_null:
                 add_field<export_field_null>(jso_key_str, nullptr);
