@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 
+#include "priv_rova_umem.hpp"
 #include "priv_rova_umem_api.h"
 #include "rova_soft_platform.h"
 #include "rova_umem.h"
@@ -95,8 +96,7 @@ outcome guarded(allocation_trap& trap, message_counts& known, const std::functio
 
 outcome verdict(outcome result, bool as_before, bool whole)
 {
-    const bool right = result == done ? whole : as_before;
-    return right ? result : wrong;
+    return (result == done ? whole : as_before) ? result : wrong;
 }
 
 class memory : public testing::Test {
@@ -116,55 +116,35 @@ protected:
     static rova_error_t destroy(priv_rova_umem* region) { return priv_rova_umem_destroy(region); }
     static rova_error_t destroy(rova_umem* region) { return rova_umem_destroy(region); }
 
-    /** One creation, and the end of what it created. */
-    template <class region_type>
-    outcome create(allocation_trap& trap, const std::function<rova_error_t(region_type**)>& call)
+    /** Runs a call that reports a code under a trap. */
+    template <class callable>
+    static outcome reported(allocation_trap& trap, const callable& call)
     {
-        region_type* const untouched = reinterpret_cast<region_type*>(this);
-        region_type* region = untouched;
-        const size_t live = m_device->live();
         trap.arm();
-        const rova_error_t code = call(&region);
+        const rova_error_t code = call();
         trap.disarm();
-        const bool as_before =
-            code == ROVA_SUCCESS ? destroy(region) == ROVA_SUCCESS : region == untouched;
-        m_device->take_calls();
-        if (!as_before || m_device->live() != live) {
-            return wrong;
-        }
         return code == ROVA_SUCCESS ? done : code == ROVA_ERROR_NO_MEMORY ? no_memory : wrong;
     }
 
-    template <class creation>
-    void sweep_creation(const char* name, const creation& call)
+    /** One creation, and the end of what it created. */
+    template <class region_type, class function, class... types>
+    void sweep_create(const char* name, int json_c_leaks, function* call, types... arguments)
     {
-        sweep(name, [&](allocation_trap& trap) { return create(trap, std::function(call)); });
+        const auto untouched = reinterpret_cast<region_type*>(this);
+        const auto create = [&](allocation_trap& trap) {
+            region_type* region = untouched;
+            const size_t live = m_device->live();
+            m_device->m_imported.clear();
+            const outcome result = reported(trap, [&] { return call(arguments..., &region); });
+            const bool ended = result == done && destroy(region) == ROVA_SUCCESS;
+            m_device->take_calls();
+            const bool whole = ended && m_device->m_imported == m_to_import;
+            return m_device->live() == live ? verdict(result, region == untouched, whole) : wrong;
+        };
+        sweep(name, create, json_c_leaks);
     }
 
-    /** The first export of a new region; once more when it fails, which is to succeed then. */
-    outcome exported(allocation_trap& trap, bytes& descriptor)
-    {
-        priv_rova_umem* made = nullptr;
-        EXPECT_EQ(priv_rova_umem_create(&m_device, this, 1 << 20, 5, &made), ROVA_SUCCESS);
-        const std::unique_ptr<priv_rova_umem, rova_error_t (*)(priv_rova_umem*)> region(made,
-                                                                                        &destroy);
-        void* first = this;
-        size_t length = 0;
-        trap.arm();
-        const rova_error_t code = priv_rova_umem_export(made, &first, &length);
-        trap.disarm();
-        const bool as_before = first == this && length == 0;
-        if (code != ROVA_SUCCESS && priv_rova_umem_export(made, &first, &length) != ROVA_SUCCESS) {
-            return damaged;
-        }
-        const auto* const begin = static_cast<const uint8_t*>(first);
-        descriptor.assign(begin, begin + length);
-        m_device->take_calls();
-        return code == ROVA_SUCCESS                        ? done
-               : code == ROVA_ERROR_NO_MEMORY && as_before ? no_memory
-                                                           : wrong;
-    }
-
+    bytes m_to_import;  // what the device gets to import
     support::scripted_layers m_layers;
     support::scripted_device m_device;
 };
@@ -172,44 +152,40 @@ protected:
 TEST_F(memory, may_run_out_in_every_create_function)
 {
     rova_dev* const dev = &m_device;
-    rova_gpu* const gpu = m_layers.gpu();
-    rova_apx* const apx = m_layers.apx();
-    sweep_creation("create",
-                   [=](rova_umem** out) { return rova_umem_create(dev, this, 64, 1, out); });
-    sweep_creation("gpu_create", [=](rova_umem** out) {
-        return rova_umem_gpu_create(gpu, dev, this, 64, 1, out);
-    });
-    sweep_creation("apx_create",
-                   [=](rova_umem** out) { return rova_umem_apx_create(apx, 0, 64, 1, out); });
-    sweep_creation("create_pg_sz", [=](priv_rova_umem** out) {
-        return priv_rova_umem_create_pg_sz(dev, this, 64, 8, 1, out);
-    });
-    sweep_creation("create_dmabuf", [=](priv_rova_umem** out) {
-        return priv_rova_umem_create_dmabuf(dev, this, 0, 64, 8, 3, 1, out);
-    });
+    void* const at = this;
+    sweep_create<rova_umem>("create", 0, rova_umem_create, dev, at, 64U, 1U);
+    sweep_create<rova_umem>("gpu_create", 0, rova_umem_gpu_create, m_layers.gpu(), dev, at, 64U,
+                            1U);
+    sweep_create<rova_umem>("apx_create", 0, rova_umem_apx_create, m_layers.apx(), 0U, 64U, 1U);
+    sweep_create<priv_rova_umem>("pg_sz", 0, priv_rova_umem_create_pg_sz, dev, at, 64U, 8U, 1U);
+    sweep_create<priv_rova_umem>("dmabuf", 0, priv_rova_umem_create_dmabuf, dev, at, 0U, 64U, 8U, 3,
+                                 1U);
 }
 
 TEST_F(memory, may_run_out_in_the_first_export_and_in_the_import)
 {
-    allocation_trap none(0);
     bytes wanted;
-    ASSERT_EQ(exported(none, wanted), done);
     const auto export_it = [&](allocation_trap& trap) {
-        bytes descriptor;
-        const outcome result = exported(trap, descriptor);
-        return descriptor == wanted ? result : wrong;
+        priv_rova_umem region(m_device, this, 1 << 20, 5, 4096);
+        void* first = this;
+        size_t length = 0;
+        const auto call = [&] { return priv_rova_umem_export(&region, &first, &length); };
+        const outcome result = reported(trap, call);
+        const bool as_before = first == this && length == 0;
+        if (result != done && call() != ROVA_SUCCESS) {
+            return damaged;
+        }
+        const auto* const begin = static_cast<const uint8_t*>(first);
+        const bytes descriptor(begin, begin + length);
+        wanted = wanted.empty() ? descriptor : wanted;
+        m_device->take_calls();
+        return descriptor == wanted ? verdict(result, as_before, true) : wrong;
     };
     sweep("export", export_it);
-    const std::function import_it = [&](priv_rova_umem** out) {
-        return priv_rova_umem_create_from_export(&m_device, wanted.data(), wanted.size(), this,
-                                                 out);
-    };
-    const auto import_whole = [&](allocation_trap& trap) {
-        m_device->m_imported.clear();
-        const outcome result = create(trap, import_it);
-        return result == done && m_device->m_imported != m_device->m_block ? wrong : result;
-    };
-    sweep("import", import_whole, 12);
+    m_to_import = m_device->m_block;
+    rova_dev* const dev = &m_device;
+    sweep_create<priv_rova_umem>("import", 12, priv_rova_umem_create_from_export, dev,
+                                 wanted.data(), wanted.size(), this);
 }
 
 /** A text in which all that can grow in json-c has to: numbers, texts, names and containers. */
@@ -256,12 +232,9 @@ TEST_F(memory, may_run_out_in_the_framework)
     }
 
     const auto deserialize = [&](allocation_trap& trap) {
-        core::json_c_serializer serializer;
-        const auto* const bytes = reinterpret_cast<const uint8_t*>(text.c_str());
         std::string found;
         const outcome result = guarded(trap, none, [&] {
-            const field_ptr made(
-                serializer.deserialize(bytes, static_cast<uint32_t>(text.size() + 1)));
+            const field_ptr made = parse(text);
             trap.disarm();
             found = print(*made);
         });

@@ -97,12 +97,13 @@ TEST(parsing, gives_every_value_its_class)
 {
     const field_ptr tree =
         parse(R"( {"d":1.5, "t":true, "f":false, "n":null, "s":"a\u0000b", "e":1e2,)"
-              R"( "i":-1, "l":[1,[2,3],{"k":"v"}], "o":{}, "big":9223372036854775807} )");
+              R"( "i":-1, "l":[1,[2,3],{"k":"v"}], "o":{}, "big":9223372036854775807, 'q':'"}'} )");
     const auto at = [&](const char* key) { return (*tree)[key]; };
     EXPECT_EQ(at("d")->get_double(), 1.5);
     EXPECT_EQ(at("e")->get_double(), 100.0);
     EXPECT_TRUE(at("t")->get_bool() && !at("f")->get_bool() && at("n")->is_null());
     EXPECT_EQ(at("s")->get_string(), "a") << "up to its first NUL";
+    EXPECT_EQ(at("q")->get_string(), "\"}");
     EXPECT_EQ(at("i")->get_uint64(), ~0ul);
     EXPECT_EQ(at("big")->get_uint64(), ~0ul >> 1);
     EXPECT_EQ(at("l")->length(), 3u);
@@ -134,7 +135,7 @@ TEST(parsing, refuses_what_is_no_object_in_json_and_says_why)
         refused(" is not valid JSON", {whole.substr(0, length)});
     }
     refused(" is not valid JSON",
-            {"{a:1}", "{\"a\" 1}", "{\"a\":1]", "}", "nonsense", "{\"a\":\"\x01}"});
+            {"{a:1}", "{\"a\" 1}", "{\"a\":1]", "}", "nonsense", "{\"a\":\"\x01}", "{\"a\":\"\\"});
     refused("'s top-level value is not an object",
             {"null", "true", "1", "-1.5", "\"text\"", "[]", "[{}]", " null "});
     refused(" is nested too deeply", {nested(33), nested(34), nested(100000)});

@@ -122,6 +122,8 @@ TEST(assignment, to_a_member_replaces_it_under_its_key)
     EXPECT_EQ(node->get_parent(), tree.root.get());
     EXPECT_EQ(member.node(), former) << "the proto keeps standing for the node it replaced";
     EXPECT_EQ(former.use_count(), 2) << "here and in the proto";
+    member = open_proto(export_proto(1u));
+    EXPECT_EQ(tree.root->remove((*tree.root)[""]), "") << "no member's place, no key";
     tree.proto["b"] = export_proto{nullptr};
     tree.proto["b"] += {true, "x"};
     EXPECT_EQ(print(*tree.root), R"({"a":{"m":2,"n":1},"b":[true,"x"]})");
@@ -137,7 +139,8 @@ TEST(assignment, to_a_root_releases_the_node_it_stood_for)
     EXPECT_TRUE(former.expired());
     open_proto& itself = root;
     root = std::move(itself);
-    EXPECT_EQ(root.get_string(), "text");
+    value = std::move(root);
+    EXPECT_EQ(value.get_string(), "text");
 }
 
 TEST(assignment, below_a_null_is_refused_and_changes_nothing)

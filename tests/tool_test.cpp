@@ -1,21 +1,19 @@
 // The command-line program, run as a process.
 
 #include <gtest/gtest.h>
-#include <json-c/json.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <string>
 #include <tuple>
 #include <utility>
 
-#include "priv_rova_utils.hpp"
+#include "priv_rova_export.hpp"
 
 namespace {
 
@@ -25,25 +23,22 @@ bool has(const std::string& text, const std::string& part)
 }
 
 /** One run of the program. Its standard output is a pipe that the test reads when it likes. */
-class process {
-public:
+struct process {
     // The shell says its number before it becomes the program.
-    explicit process(const std::string& arguments)
-        : m_stream(popen(("echo $$; exec " ROVA_UMEM_TOOL " " + arguments).c_str(), "re"))
+    explicit process(const std::string& arguments, const std::string& awaited = "")
+        : m_pipe(popen(("echo $$; exec " ROVA_UMEM_TOOL " " + arguments).c_str(), "re"), pclose)
     {
-        EXPECT_EQ(std::fscanf(m_stream, "%d%*1[\n]", &m_pid), 1);
+        EXPECT_EQ(std::fscanf(m_pipe.get(), "%d%*1[\n]", &m_pid), 1);
+        EXPECT_TRUE(awaited.empty() || has(output(awaited), awaited)) << arguments;
     }
-    process(const process&) = delete;
-    process& operator=(const process&) = delete;
-    ~process() { m_stream != nullptr ? end_with(SIGKILL) : 0; }
+    ~process() { m_pipe ? end_with(SIGKILL) : 0; }
 
     /** What comes up to and with `last`; all the rest, if that never comes. */
     std::string output(const std::string& last = "")
     {
         std::string text;
-        for (int next = 0;
-             (last.empty() || !has(text, last)) && (next = std::getc(m_stream)) != EOF;) {
-            text += static_cast<char>(next);
+        for (int c = 0; (last.empty() || !has(text, last)) && (c = getc(m_pipe.get())) != EOF;) {
+            text += static_cast<char>(c);
         }
         return text;
     }
@@ -51,7 +46,7 @@ public:
     /** Stops reading. The exit code, or the negative number of the signal that ended the run. */
     int exit_code()
     {
-        const int status = pclose(std::exchange(m_stream, nullptr));
+        const int status = pclose(m_pipe.release());
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
     int end_with(int signal)
@@ -61,22 +56,20 @@ public:
         return exit_code();
     }
 
-private:
-    FILE* m_stream;
+    std::unique_ptr<FILE, int (*)(FILE*)> m_pipe;
     pid_t m_pid = 0;
 };
 
-std::pair<int, std::string> run(const std::string& arguments)
+std::pair<std::string, int> run(const std::string& arguments)
 {
     process tool(arguments);
-    std::string output = tool.output();
-    return {tool.exit_code(), std::move(output)};
+    return {tool.output(), tool.exit_code()};
 }
 
 /** How a run with these arguments ends, and what is a part of its output or its errors. */
 void expect(const std::string& arguments, int expected_code, const std::string& part)
 {
-    const auto [code, output] = run("2>&1 " + arguments);
+    const auto [output, code] = run("2>&1 " + arguments);
     EXPECT_EQ(code, expected_code) << arguments << ": " << output;
     EXPECT_TRUE(has(output, part)) << part << ": " << output;
 }
@@ -108,14 +101,13 @@ protected:
 
 std::string descriptor_of(const std::string& json, uint16_t version = 0)
 {
-    const auto length = static_cast<uint32_t>(json.size() + 1);
-    std::string bytes(12 + length, '\0');
-    std::memcpy(&bytes[4], &version, sizeof version);
-    bytes[6] = 12;
-    std::memcpy(&bytes[8], &length, sizeof length);
-    priv_rova_utils_scramble_descramble(&bytes[12], json.c_str(), length, 0x4E);
-    const uint32_t checksum = priv_rova_utils_crc32_normal(bytes.data(), bytes.size());
-    std::memcpy(bytes.data(), &checksum, sizeof checksum);
+    std::string bytes(12 + json.size() + 1, '\0');
+    auto* const begin = reinterpret_cast<uint8_t*>(bytes.data());
+    core::common_header header{0, version, 12, static_cast<uint32_t>(json.size() + 1)};
+    header.write(begin);
+    priv_rova_utils_scramble_descramble(begin + 12, json.c_str(), json.size() + 1, 0x4E);
+    header.crc = priv_rova_utils_crc32_normal(begin, bytes.size());
+    header.write(begin);
     return bytes;
 }
 
@@ -125,35 +117,28 @@ std::string payload(const std::string& version = R"({"major":1,"minor":1})")
            R"(,"access_flags":3,"page_size":4096,"size":5})";
 }
 
-TEST_F(tool, demo_finds_everything_as_it_should_be)
-{
-    expect("demo file", 0, "refused, ROVA_ERROR_NOT_FOUND");
-}
-
 TEST_F(tool, shares_memory_of_each_kind_with_other_processes)
 {
     for (const std::string kind : {"host", "dmabuf", "gpu"}) {
         SCOPED_TRACE(kind);
         put("file", m_bytes);
-        process share("share file --out descriptor --writable --kind " + kind);
-        ASSERT_TRUE(has(share.output("Serving"), "Serving"));
-        EXPECT_EQ(run("inspect descriptor").first, 0);
-        EXPECT_EQ(run("read descriptor").second, m_bytes);
-        EXPECT_EQ(run("read descriptor --offset 0x10 --length 70000").second,
-                  m_bytes.substr(16, 70000));
+        process share("share file --out descriptor --writable --kind " + kind, "Serving");
+        EXPECT_EQ(run("inspect descriptor").second, 0);
+        EXPECT_EQ(run("read descriptor").first, m_bytes);
+        EXPECT_EQ(run("read descriptor --offset 0xA --length 70000").first,
+                  m_bytes.substr(10, 70000));
 
         put("input", "0123456789");
-        EXPECT_EQ(run("write descriptor --offset 99990 <input").first, 0);
+        EXPECT_EQ(run("write descriptor --offset 99990 <input").second, 0);
         const std::string changed = m_bytes.substr(0, 99990) + "0123456789";
-        EXPECT_EQ(run("read descriptor --out copy 2>&1").second, "");
+        EXPECT_EQ(run("read descriptor --out copy 2>&1").first, "");
         EXPECT_EQ(get("copy"), changed);
         EXPECT_EQ(get("file"), kind == "dmabuf" ? changed : m_bytes);
 
         // The descriptor that another share has put in place of the first one's stays.
-        process other("share file --out descriptor");
-        ASSERT_TRUE(has(other.output("Serving"), "Serving"));
+        process other("share file --out descriptor", "Serving");
         EXPECT_EQ(share.end_with(kind == "host" ? SIGINT : SIGTERM), 0);
-        EXPECT_EQ(run("read descriptor").second, get("file"));
+        EXPECT_EQ(run("read descriptor").first, get("file"));
         EXPECT_EQ(other.end_with(SIGTERM), 0);
         EXPECT_EQ(files(), 3) << "the descriptor and temporary files are gone";
     }
@@ -162,15 +147,13 @@ TEST_F(tool, shares_memory_of_each_kind_with_other_processes)
 TEST_F(tool, a_long_read_fails_when_the_exporter_is_killed_and_leaves_no_file)
 {
     put("file", std::string(8'000'000, 'x'));
-    process share("share file --out descriptor");
-    ASSERT_TRUE(has(share.output("Serving"), "Serving"));
+    process share("share file --out descriptor", "Serving");
     process unread("read descriptor 2>errors");
     EXPECT_EQ(unread.exit_code(), 1);
     EXPECT_EQ(get("errors"), "") << "whoever closed the pipe has what was wanted";
 
     // The pipe takes far less than the region has: the reader cannot be through.
-    process read("read descriptor 2>errors");
-    EXPECT_EQ(read.output("xxxx"), "xxxx");
+    process read("read descriptor 2>errors", "xxxx");
     EXPECT_EQ(share.end_with(SIGKILL), -SIGKILL);
     EXPECT_LT(read.output().size(), 7'999'996U);
     EXPECT_EQ(read.exit_code(), 1);
@@ -182,8 +165,7 @@ TEST_F(tool, a_long_read_fails_when_the_exporter_is_killed_and_leaves_no_file)
 
 TEST_F(tool, misuse_is_explained_on_standard_error)
 {
-    process share("share file --out descriptor");
-    ASSERT_TRUE(has(share.output("Serving"), "Serving"));
+    process share("share file --out descriptor", "Serving");
     put("empty", "");
     put("input", "input");
     const std::tuple<std::string, int, const char*> cases[] = {
@@ -210,7 +192,8 @@ TEST_F(tool, misuse_is_explained_on_standard_error)
     }
     EXPECT_EQ(files(), 5) << "no failure leaves a file";
     EXPECT_EQ(get("file"), m_bytes);
-    EXPECT_EQ(run("share file --out d --seconds 1").first, 0);
+    expect("demo file", 0, "refused, ROVA_ERROR_NOT_FOUND");
+    EXPECT_EQ(run("share file --out d --seconds 1").second, 0);
 }
 
 TEST_F(tool, inspect_says_what_is_wrong_with_a_descriptor_and_where)
@@ -236,12 +219,10 @@ TEST_F(tool, inspect_says_what_is_wrong_with_a_descriptor_and_where)
     for (const auto& [bytes, code, text] : cases) {
         put("input", bytes);
         expect("inspect - <input", code, text);
-        const std::string shown = run("inspect input").second;
-        EXPECT_TRUE(std::all_of(shown.begin(), shown.end(), [](char c) {
-            return c == '\n' || (c >= ' ' && c <= '~');
-        })) << text;
+        const std::string shown = run("inspect input").first;
+        EXPECT_FALSE(std::regex_search(shown, std::regex("[^\n -~]"))) << text;
         const std::unique_ptr<json_object, int (*)(json_object*)> json(
-            json_tokener_parse(run("inspect --json input").second.c_str()), json_object_put);
+            json_tokener_parse(run("inspect --json input").first.c_str()), json_object_put);
         EXPECT_EQ(json_object_get_boolean(json_object_object_get(json.get(), "whole")), code == 0);
     }
 }
