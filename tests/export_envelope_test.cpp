@@ -79,10 +79,10 @@ TEST(envelope, refuses_every_truncation_and_every_flipped_bit)
     EXPECT_EQ(failure_of([] { open(forge(0, 13, 0xFFFFFFFF, 12)); }), wrong_length) << "wraps";
     EXPECT_EQ(failure_of([] { factory::evaluate(nullptr, 12); }),
               "INVALID_VALUE evaluate: blob is NULL");
-    EXPECT_EQ(failure_of([&] { factory::evaluate(&whole[0], 0); }),
+    EXPECT_EQ(failure_of([&] { factory::evaluate(whole.data(), 0); }),
               "INVALID_VALUE evaluate: " + too_short);
     EXPECT_EQ(failure_of([&] {
-                  factory::create({0, 1})->get_payload(&whole[0], 11);
+                  factory::create({0, 1})->get_payload(whole.data(), 11);
               }),
               "INVALID_VALUE get_payload: " + too_short);
 }
@@ -139,7 +139,8 @@ TEST(exporter, makes_the_same_bytes_for_the_same_tree_and_an_importer_owns_what_
     exporter["list"] = export_proto{0x80000000u, {{"three", true}}};
     bytes descriptor = exported(exporter);
     const export_proto list = [&] {
-        const auto importer = core::priv_rova_importer::import(&descriptor[0], descriptor.size());
+        const auto importer =
+            core::priv_rova_importer::import(descriptor.data(), descriptor.size());
         descriptor.assign(descriptor.size(), 0xFF);
         EXPECT_TRUE(importer["absent"]["deeper"].is_null());
         return importer["list"];

@@ -34,7 +34,7 @@ struct process {
     ~process() { m_pipe ? end_with(SIGKILL) : 0; }
 
     /** What comes up to and with `last`; all the rest, if that never comes. */
-    std::string output(const std::string& last = "")
+    std::string output(const std::string& last = "") const
     {
         std::string text;
         for (int c = 0; (last.empty() || !has(text, last)) && (c = getc(m_pipe.get())) != EOF;) {
