@@ -1073,11 +1073,14 @@ public:
     /**
      * Makes the field of a json-c value and adds it to the container that is being filled.
      *
-     * @param jso_key  the member's name; null for array elements and the top level.
+     * @param jso         the value; it stays the caller's.
+     * @param parent_jso  not used.
+     * @param jso_key     the member's name; null for array elements and the top level.
+     * @param jso_index   not used.
      * @return the new field if it is an object, else null. The top-level object is the caller's.
      */
-    export_field* traverse(json_object* jso, json_object* /*parent_jso*/, const char* jso_key,
-                           size_t* /*jso_index*/)
+    export_field* traverse(json_object* jso, [[maybe_unused]] json_object* parent_jso,
+                           const char* jso_key, [[maybe_unused]] size_t* jso_index)
     {
         const std::string jso_key_str = jso_key != nullptr ? std::string(jso_key) : std::string();
         switch (json_object_get_type(jso)) {
