@@ -211,8 +211,10 @@ TEST_F(umem, gpu_memory_is_registered_by_dmabuf_or_else_by_address)
     };
     for (auto [wrong, code, calls, texts] : rows) {
         SCOPED_TRACE(wrong);
-        const auto is = [&wrong = wrong](char what) { return wrong.find(what) != wrong.npos; };
-        m_layers.s_present = !is('o');
+        const auto is = [&wrong = wrong](char what) {
+            return wrong.find(what) != std::string::npos;
+        };
+        support::scripted_layers::s_present = !is('o');
         m_layers.m_dmabuf_code = is('g') ? ROVA_ERROR_NOT_SUPPORTED : ROVA_SUCCESS;
         m_layers.m_dmabuf_fd = is('f') ? -2 : 33;
         m_device->recover();
@@ -233,7 +235,7 @@ TEST_F(umem, gpu_memory_is_registered_by_dmabuf_or_else_by_address)
         }
         expect_log(texts);
     }
-    m_layers.s_present = true;
+    support::scripted_layers::s_present = true;
 }
 
 TEST_F(umem, accelerator_memory_needs_its_layer_an_id_and_an_offset)
@@ -249,9 +251,9 @@ TEST_F(umem, accelerator_memory_needs_its_layer_an_id_and_an_offset)
              "rova_umem_apx_create: Failed to create private apx umem"},
             code);
     };
-    m_layers.s_present = false;
+    support::scripted_layers::s_present = false;
     fails(ROVA_ERROR_INITIALIZATION, "APX umem %p: failed to get APX sub device ops");
-    m_layers.s_present = true;
+    support::scripted_layers::s_present = true;
     m_layers.m_offset_code = ROVA_ERROR_NOT_FOUND;
     fails(ROVA_ERROR_NOT_FOUND, "Failed to get APX UMEM base offset {err}");
     m_layers.m_id_code = ROVA_ERROR_TIME_OUT;
