@@ -1,4 +1,5 @@
 #include <dlfcn.h>
+#include <locale.h>
 
 #include <cmath>
 #include <random>
@@ -156,6 +157,17 @@ TEST(parsing, refuses_what_is_no_object_in_json_and_says_why)
     }
     EXPECT_EQ(print(*parse(serializer, whole + '\0' + '}')), whole) << "it is as good as new";
     EXPECT_EQ(print(*parse(nested(31))), nested(31)) << "as deep as json-c goes";
+}
+
+TEST(parsing, leaves_the_thread_its_locale)
+{
+    const locale_t own = newlocale(LC_ALL_MASK, "C.UTF-8", nullptr);
+    uselocale(own);
+    EXPECT_EQ(print(*parse(R"({"a":1.5})")), R"({"a":1.5})");
+    EXPECT_EQ(uselocale(nullptr), own);
+    EXPECT_NE(failure_of([] { parse("{"); }), "");
+    EXPECT_EQ(uselocale(LC_GLOBAL_LOCALE), own);
+    freelocale(own);
 }
 
 std::string random_text(std::mt19937_64& random)

@@ -25,6 +25,7 @@
 #pragma once
 
 #include <json-c/json.h>
+#include <locale.h>
 
 #include <algorithm>
 #include <atomic>
@@ -1119,6 +1120,23 @@ private:
         void operator()(json_tokener* tokener) const { json_tokener_free(tokener); }
     };
 
+    /**
+     * Puts the thread into the C locale for as long as this lives.
+     *
+     * json-c makes a locale for every piece of a text that it gets. Made of the C locale it is that
+     * one itself, and costs nothing.
+     */
+    class c_locale {
+    public:
+        c_locale() : m_outer(uselocale(newlocale(LC_ALL_MASK, "C", nullptr))) {}
+        c_locale(const c_locale&) = delete;
+        c_locale& operator=(const c_locale&) = delete;
+        ~c_locale() { uselocale(m_outer); }
+
+    private:
+        locale_t m_outer;
+    };
+
     /** Makes a container the one that receives values, for as long as this lives. */
     class filling {
     public:
@@ -1222,6 +1240,7 @@ private:
 
     static json_ptr parse(const char* text, rova::exception::source_loc here)
     {
+        const c_locale locale;
         const std::unique_ptr<json_tokener, free_tokener> tokener(json_tokener_new());
         if (tokener == nullptr) {
             throw std::bad_alloc();
