@@ -650,6 +650,14 @@ public:
     bool is_key_val_pair() const override { return vec.size() == 2 && vec[0]->is_string(); }
 
     void reserve(size_t count) { vec.reserve(count); }
+
+    /** Makes the next element, of which there can be as many as a device block has bytes. */
+    template <typename field, typename value>
+    void append(value val)
+    {
+        vec.push_back(field_arena::make<field>(val, this));
+    }
+
     const std::vector<std::shared_ptr<export_field>>& elements() const { return vec; }
 
 private:
@@ -770,7 +778,7 @@ public:
         auto array = field_arena::make<export_field_array>(nullptr);
         array->reserve(bytes.size());
         for (const uint8_t byte : bytes) {
-            array->add({}, field_arena::make<export_field_uint32>(byte, nullptr));
+            array->append<export_field_uint32>(byte);
         }
         return export_proto(std::move(array));
     }
@@ -1313,7 +1321,13 @@ private:
         receiver()->add(key, array);
         const filling scope(tmp_containers, array.get());
         for (size_t i = 0; i < length; ++i) {
-            traverse(json_object_array_get_idx(jso, i), jso, nullptr, &i);
+            json_object* const element = json_object_array_get_idx(jso, i);
+            if (json_object_is_type(element, json_type_int) != 0) {
+                const int64_t number = json_object_get_int64(element);
+                array->append<export_field_uint64>(static_cast<uint64_t>(number));
+            } else {
+                traverse(element, jso, nullptr, &i);
+            }
         }
     }
 
