@@ -1091,7 +1091,7 @@ public:
     export_field* traverse(json_object* jso, [[maybe_unused]] json_object* parent_jso,
                            const char* jso_key, [[maybe_unused]] size_t* jso_index)
     {
-        const std::string jso_key_str = jso_key != nullptr ? std::string(jso_key) : std::string();
+        const std::string jso_key_str = jso_key != nullptr ? jso_key : "";
         switch (json_object_get_type(jso)) {
             case json_type_null:
                 add_field<export_field_null>(jso_key_str, nullptr);
