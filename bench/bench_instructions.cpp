@@ -1,13 +1,13 @@
 /*
  * One operation, several times, for callgrind, which counts the instructions between two marks.
  */
-#include <valgrind/callgrind.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <valgrind/callgrind.h>
 
 #include "subjects.hpp"
 

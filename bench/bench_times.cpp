@@ -4,10 +4,7 @@
  * A row's two sides run in the same process in turns, and each turn has a ratio of its own, so that
  * a slow moment of the machine falls on both sides of it. The table has the medians over the turns.
  */
-#include <benchmark/benchmark.h>
-#include <json-c/json.h>
 #include <malloc.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -21,6 +18,10 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <benchmark/benchmark.h>
+#include <json-c/json.h>
+#include <zlib.h>
 
 #include "priv_rova_umem.hpp"
 #include "priv_rova_utils.hpp"

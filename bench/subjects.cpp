@@ -1,9 +1,9 @@
 #include "subjects.hpp"
 
-#include <json-c/json.h>
-
 #include <cstdio>
 #include <cstdlib>
+
+#include <json-c/json.h>
 
 #include "priv_rova_utils.hpp"
 

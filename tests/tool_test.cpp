@@ -1,6 +1,5 @@
 // The command-line program, run as a process.
 
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -12,6 +11,8 @@
 #include <string>
 #include <tuple>
 #include <utility>
+
+#include <gtest/gtest.h>
 
 #include "priv_rova_export.hpp"
 

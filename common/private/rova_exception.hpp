@@ -23,7 +23,7 @@ namespace rova {
 /**
  * An error code, a text for people, and the place that threw it.
  *
- * Visible in every library that throws or catches it, so that they all mean one type.
+ * Not hidden: libraries that throw and catch it mean one type, which they know by its name.
  *
  * @ingroup exception
  */

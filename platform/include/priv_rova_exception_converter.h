@@ -29,8 +29,8 @@ extern "C" {
  * @param function  the function that handles.
  * @param message   what that function was doing, for the log.
  * @param flag      reserved; the callers of this release pass false.
- * @return the code of a rova::exception, unchanged; for any other exception, and when there is
- *         none, a code that is not ROVA_SUCCESS.
+ * @return the code of a rova::exception, unchanged; ROVA_ERROR_NO_MEMORY for std::bad_alloc; for
+ *         any other exception, and when there is none, a code that is not ROVA_SUCCESS.
  */
 ROVA_API rova_error_t priv_rova_exception_to_rova_error_imp(const char* file, int line,
                                                             const char* function,

@@ -4,11 +4,12 @@
 #pragma once
 
 #include <fnmatch.h>
-#include <gtest/gtest.h>
 
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "rova_dev.hpp"
 #include "rova_exception.hpp"

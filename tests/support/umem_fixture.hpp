@@ -4,9 +4,9 @@
  */
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <regex>
+
+#include <gtest/gtest.h>
 
 #include "priv_rova_umem.hpp"
 #include "priv_rova_umem_api.h"

@@ -3,14 +3,14 @@
  */
 #pragma once
 
-#include <json-c/json.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <json-c/json.h>
 
 #include "text.hpp"
 

@@ -1,8 +1,8 @@
-#include <json-c/json_visit.h>
-#include <json-c/printbuf.h>
-
 #include <algorithm>
 #include <cmath>
+
+#include <json-c/json_visit.h>
+#include <json-c/printbuf.h>
 
 #include "commands.hpp"
 #include "descriptor.hpp"

@@ -2,11 +2,6 @@
 
 #include <unistd.h>
 
-#include <spdlog/logger.h>
-#include <spdlog/sinks/base_sink.h>
-#include <spdlog/sinks/dist_sink.h>
-#include <spdlog/sinks/stdout_color_sinks.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -19,6 +14,11 @@
 #include <shared_mutex>
 #include <string>
 #include <vector>
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/base_sink.h>
+#include <spdlog/sinks/dist_sink.h>
+#include <spdlog/sinks/stdout_color_sinks.h>
 
 #include "failure.hpp"
 #include "priv_rova_log.h"

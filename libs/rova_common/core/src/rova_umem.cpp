@@ -4,9 +4,7 @@
 #include "rova_umem.h"
 
 #include <algorithm>
-#include <cstring>
 #include <memory>
-#include <new>
 #include <tuple>
 #include <vector>
 

@@ -16,15 +16,15 @@
  *
  * Failures are thrown and caught by the exported functions of the component; nothing here catches.
  * What the framework refuses it refuses with a rova::exception, which has a code and the place;
- * std::bad_alloc, and std::out_of_range from an array's `at`, pass as they are. Objects are used by
- * one thread at a time, and separate trees are independent; a node may be released on another
- * thread than it was made on.
+ * std::bad_alloc, and std::out_of_range from an array's `at`, pass as they are. Where json-c gives
+ * what it never should, it is a std::logic_error (no text) or a std::runtime_error (no such type).
+ * Objects are used by one thread at a time, and separate trees are independent; a node may be
+ * released on another thread than it was made on.
  *
  * @{
  */
 #pragma once
 
-#include <json-c/json.h>
 #include <locale.h>
 
 #include <algorithm>
@@ -38,11 +38,14 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <json-c/json.h>
 
 #include "priv_rova_utils.hpp"
 #include "rova_exception.hpp"
@@ -737,7 +740,7 @@ private:
  * A braced list of key-value pairs makes an object, any other list an array; a lookup stands for
  * the member that it finds, and assigning to it replaces that member. A proto shares its node with
  * the containers that hold it; it never copies one. Moved from, it holds no node; then only a
- * lookup by key, an assignment or its destruction may follow.
+ * lookup by key that may change it, an assignment or its destruction may follow.
  */
 class export_proto {
 public:

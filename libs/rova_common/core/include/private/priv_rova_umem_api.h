@@ -118,7 +118,7 @@ ROVA_API rova_error_t priv_rova_umem_gpu_create(struct rova_gpu* gpu, struct rov
  * Makes a region over memory of the accelerator. Nothing is registered: the accelerator layer has
  * done so, and the region asks it for the umem id and the base offset.
  *
- * @param apx           the accelerator context.
+ * @param apx           the accelerator context; it is not kept.
  * @param address       accelerator address; may be 0.
  * @param size          length of the range.
  * @param access_flags  kept with the region.
@@ -176,6 +176,7 @@ ROVA_API rova_error_t priv_rova_umem_create_from_export(const struct rova_dev* d
  *  - ROVA_ERROR_INVALID_VALUE, in this order: `umem_obj` NULL, `export_desc` NULL,
  *    `export_desc_len` NULL;
  *  - ROVA_ERROR_NO_MEMORY: memory ran out, or the device exports nothing;
+ *  - ROVA_ERROR_TOO_BIG: the descriptor would be longer than about 1 GiB;
  *  - otherwise the device layer's code.
  */
 ROVA_API rova_error_t priv_rova_umem_export(struct priv_rova_umem* umem_obj, void** export_desc,

@@ -18,8 +18,8 @@
 #define ROVA_API __attribute__((visibility("default")))
 
 /**
- * A function whose form may still change in any release. Define ROVA_WARN_EXPERIMENTAL before the
- * first include to have the compiler point at each use.
+ * A function whose form may still change in any minor version. Define ROVA_WARN_EXPERIMENTAL
+ * before the first include to have the compiler point at each use.
  */
 #ifdef ROVA_WARN_EXPERIMENTAL
 #define ROVA_EXPERIMENTAL ROVA_API __attribute__((deprecated("experimental API: it may change")))

@@ -24,7 +24,7 @@
  *  - Sizes are in bytes. Access flags are defined by the device layer and passed to it unchanged.
  *  - No call throws, starts a thread, or keeps a lock.
  *
- * All of these functions are experimental: their form may change in any release.
+ * All of these functions are experimental: their form may change in any minor version.
  *
  * @{
  */
@@ -88,7 +88,7 @@ ROVA_EXPERIMENTAL rova_error_t rova_umem_gpu_create(struct rova_gpu* gpu, struct
  * Makes a region over memory of the accelerator, which the accelerator layer has registered with
  * the device already. The region takes its umem id from there; its page size is 64.
  *
- * @param apx           the accelerator context; not NULL. It has to outlive the region.
+ * @param apx           the accelerator context; not NULL. It is not kept.
  * @param address       accelerator address of the range; 0 is an address like any other.
  * @param size          length of the range in bytes; not 0.
  * @param access_flags  kept with the region.
