@@ -5,6 +5,9 @@
  */
 #include "support/allocation_failure.hpp"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <functional>
 #include <map>
 
@@ -186,6 +189,45 @@ TEST_F(memory, may_run_out_in_the_first_export_and_in_the_import)
     rova_dev* const dev = &m_device;
     sweep_create<priv_rova_umem>("import", 12, priv_rova_umem_create_from_export, dev,
                                  wanted.data(), wanted.size(), this);
+}
+
+TEST_F(memory, may_run_out_in_the_software_device)
+{
+    rova_dev* dev = nullptr;
+    ASSERT_EQ(rova_soft_dev_open(&dev), ROVA_SUCCESS);
+    std::string range(64, 'r');
+    const int file = ::memfd_create("test", MFD_CLOEXEC);
+    ASSERT_EQ(::ftruncate(file, 64), 0);
+    const auto share = [&](allocation_trap& trap) {
+        priv_rova_umem* regions[3] = {};
+        void* first = nullptr;
+        size_t length = 0;
+        size_t count = 0;
+        const std::function<rova_error_t()> steps[] = {
+            [&] { return priv_rova_umem_create_dmabuf(dev, 0, 0, 64, 1, file, 3, &regions[0]); },
+            [&] { return priv_rova_umem_create_pg_sz(dev, &range[0], 64, 1, 3, &regions[1]); },
+            [&] { return priv_rova_umem_export(regions[1], &first, &length); },
+            [&] {
+                return priv_rova_umem_create_from_export(dev, first, length, &range[0],
+                                                         &regions[2]);
+            }};
+        outcome result = done;
+        for (const auto& step : steps) {
+            result = result == done ? reported(trap, step) : result;
+        }
+        rova_soft_dev_count_registrations(dev, &count);
+        result = verdict(result, count < 3, count == 3);
+        for (priv_rova_umem* const region : regions) {
+            if (region != nullptr && destroy(region) != ROVA_SUCCESS) {
+                return wrong;
+            }
+        }
+        rova_soft_dev_count_registrations(dev, &count);
+        return count == 0 ? result : wrong;
+    };
+    sweep("share", share, 12);
+    ::close(file);
+    EXPECT_EQ(rova_soft_dev_close(dev), ROVA_SUCCESS);
 }
 
 /** A text in which all that can grow in json-c has to: numbers, texts, names and containers. */

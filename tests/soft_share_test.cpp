@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <deque>
+#include <thread>
 
 #include "../platform/soft/src/export_block.hpp"
 #include "support/soft_device.hpp"
@@ -132,11 +133,23 @@ TEST(soft_share, believes_nothing_that_comes_from_outside)
         {bent([](auto&, auto& r) { r.access_flags = 4; }), "INVALID_VALUE *is damaged"},
         {bent([](auto&, auto& r) { r.imported = 1, ++r.size; }), "INVALID_VALUE *claims another"},
     };
+    const std::string forged = bent([](auto&, auto&) {});
+    const auto expect_refused = [&](const std::string& block, const std::string& pattern) {
+        expect_match(refusal([&] { import_to(device, block); }), pattern);
+    };
     EXPECT_TRUE(holds_in_another_process([&] {
         for (const auto& [block, pattern] : rows) {
-            expect_match(refusal([&, &bytes = block] { import_to(device, bytes); }), pattern);
+            expect_refused(block, pattern);
         }
+        EXPECT_NE(import_to(device, forged).first, nullptr)
+            << "nothing tells it from an exporter's";
     }));
+    // Of its own process a device knows better, also by the number of another thread.
+    expect_refused(forged, "NOT_FOUND *has no registration");
+    std::thread([&] {
+        const auto tid = static_cast<uint64_t>(::gettid());
+        expect_refused(bent([&](auto& b, auto&) { b.pid = tid; }), "NOT_FOUND *is gone");
+    }).join();
     device->deregister_umem(region.first);
 }
 

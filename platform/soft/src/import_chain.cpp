@@ -56,11 +56,13 @@ void check_format(const soft::export_block& block)
 /** A process that cannot exist is one that is not there. */
 void check_process(const soft::export_block& block)
 {
+    const auto pid = static_cast<pid_t>(block.pid);
+    // Elsewhere the kernel takes the number of any thread for its process. A block that names a
+    // thread of this process must not pass for one from another.
+    const int error = block.pid > INT_MAX ? ESRCH : ::tgkill(pid, pid, 0) != 0 ? errno : 0;
     const auto started =
-        block.pid <= INT_MAX ? soft::start_time_of(static_cast<pid_t>(block.pid)) : std::nullopt;
-    if (!started && block.pid <= INT_MAX && ::kill(static_cast<pid_t>(block.pid), 0) != 0 &&
-        errno == EPERM)
-    {
+        error == 0 || error == EPERM ? soft::start_time_of(pid) : std::optional<uint64_t>();
+    if (!started && error == EPERM) {
         fail_to_read_record(block, EPERM);
     }
     if (!started) {

@@ -1,8 +1,10 @@
 #include "memory_map.hpp"
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <fstream>
+#include <new>
 #include <string>
 
 #include "failure.hpp"
@@ -25,7 +27,7 @@ map_entry parse(const std::string& line)
     if (std::sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64 " %c%c", &entry.begin, &entry.end, &read,
                     &write) != 4)
     {
-        soft::fail(ROVA_ERROR_OPERATING_SYSTEM, ROVA_HERE, "/proc/self/maps has the line: %s",
+        soft::fail(ROVA_ERROR_OPERATING_SYSTEM, ROVA_HERE, "the memory map has the line: %s",
                    line.c_str());
     }
     entry.readable = read == 'r';
@@ -51,9 +53,15 @@ namespace soft {
 void check_mapped(uint64_t address, size_t size, uint32_t access_flags)
 {
     const uint64_t last = address + (size - 1);
-    std::ifstream maps("/proc/self/maps");
+    // Not that of the first thread, which may have ended.
+    const char* const path = "/proc/thread-self/maps";
+    errno = 0;
+    std::ifstream maps(path);
+    if (!maps && errno == ENOMEM) {
+        throw std::bad_alloc();
+    }
     if (!maps) {
-        fail(ROVA_ERROR_OPERATING_SYSTEM, ROVA_HERE, "/proc/self/maps cannot be read");
+        fail(ROVA_ERROR_OPERATING_SYSTEM, ROVA_HERE, "%s cannot be read", path);
     }
     // Without memory for a line, reading would just end, as if nothing more were mapped.
     maps.exceptions(std::ios::badbit);

@@ -44,13 +44,15 @@ namespace soft {
 int move_bytes(direction way, pid_t pid, uint64_t address, void* data, size_t size) noexcept
 {
     auto* bytes = static_cast<uint8_t*>(data);
+    // The first thread of this process may have ended, and with it what its number leads to.
+    const pid_t target = pid == ::getpid() ? ::gettid() : pid;
     size_t done = 0;
     while (done < size) {
         const iovec here = {bytes + done, size - done};
         const iovec there = {reinterpret_cast<void*>(address + done), size - done};
         const ssize_t moved = way == direction::read
-                                  ? ::process_vm_readv(pid, &here, 1, &there, 1, 0)
-                                  : ::process_vm_writev(pid, &here, 1, &there, 1, 0);
+                                  ? ::process_vm_readv(target, &here, 1, &there, 1, 0)
+                                  : ::process_vm_writev(target, &here, 1, &there, 1, 0);
         if (moved <= 0) {
             return moved < 0 ? errno : EFAULT;
         }
