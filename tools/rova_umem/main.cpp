@@ -1,7 +1,8 @@
-#include <CLI/CLI.hpp>
 #include <charconv>
 #include <csignal>
 #include <sstream>
+
+#include <CLI/CLI.hpp>
 
 #include "commands.hpp"
 #include "files.hpp"

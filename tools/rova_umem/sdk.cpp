@@ -111,6 +111,8 @@ imported_region::imported_region(std::string descriptor_path)
     : m_path(std::move(descriptor_path)), m_device(make<device_ptr>("a device", rova_soft_dev_open))
 {
     const byte_vector bytes = read_descriptor(m_path);
+    const descriptor_report report = examine(bytes);
+    m_is_damaged = !report.damages.empty();
     priv_rova_umem* region = nullptr;
     // The address is for the caller's own use and must not be null; this program has none.
     check_with_advice(priv_rova_umem_create_from_export(m_device.get(), bytes.data(), bytes.size(),
@@ -118,7 +120,6 @@ imported_region::imported_region(std::string descriptor_path)
                       "import " + in_quotes(m_path));
     m_region.reset(region);
     check(priv_rova_umem_id_get(region, &m_id), "ask for the umem id");
-    const descriptor_report report = examine(bytes);
     m_size = report.size.value_or(0);
     m_writable = (report.access_flags.value_or(0) & ROVA_SOFT_ACCESS_WRITE) != 0;
 }
@@ -146,8 +147,9 @@ std::string imported_region::advice(rova_error_t code) const
     if (code == ROVA_ERROR_UNSUPPORTED_VERSION) {
         return "\nA later version made it. Use that version here, too.";
     }
-    const bool descriptor_is_wrong = m_region == nullptr && (code == ROVA_ERROR_INVALID_VALUE ||
-                                                             code == ROVA_ERROR_NOT_SUPPORTED);
+    // The block may be wrong, too, of which the descriptor's form tells nothing.
+    const bool descriptor_is_wrong =
+        m_region == nullptr && (m_is_damaged || code == ROVA_ERROR_INVALID_VALUE);
     return descriptor_is_wrong
                ? "\nSee what is wrong with it: rova_umem inspect " + printable(m_path)
                : "";

@@ -133,6 +133,7 @@ private:
     uint32_t m_id = 0;
     uint64_t m_size = 0;
     bool m_writable = false;
+    bool m_is_damaged = false;
 };
 
 }  // namespace tool
