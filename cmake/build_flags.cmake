@@ -12,7 +12,7 @@ set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
-if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
     set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Kind of build" FORCE)
 endif()
 
@@ -32,7 +32,9 @@ endif()
 # The project's own warnings; a target asks for them by linking this.
 add_library(rova_warnings INTERFACE)
 target_compile_options(rova_warnings INTERFACE
-    -Wall -Wextra -Wpedantic -Wconversion -Wformat=2 -Wundef -Werror
+    -Wall -Wextra -Wpedantic -Wconversion -Wformat=2 -Wundef
+    # Within another project they are its compiler's, which may know new ones.
+    $<$<BOOL:${PROJECT_IS_TOP_LEVEL}>:-Werror>
     $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual>
     $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes -Wmissing-prototypes>
 )
