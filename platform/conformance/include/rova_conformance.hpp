@@ -92,9 +92,9 @@ struct result {
 /**
  * Runs the checks, one after the other.
  *
- * Throws std::invalid_argument when the layer says neither how to open nor how to close a device,
- * or there is no check of the name asked for, and std::system_error when no child process can be
- * made. Call it while the process has one thread, or not `in_child`.
+ * Throws std::invalid_argument when the layer does not say both how to open and how to close a
+ * device, or there is no check of the name asked for, and std::system_error when no child process
+ * can be made. Call it while the process has one thread, or not `in_child`.
  *
  * @param layer  the device layer to check.
  * @param how    which checks, and where.

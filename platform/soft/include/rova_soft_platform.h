@@ -12,8 +12,8 @@
  * @par Conventions
  *  - Calls return a code; each lists the codes that are its own. Beside them, any call that makes
  *    something may return ROVA_ERROR_NO_MEMORY, or ROVA_ERROR_OPERATING_SYSTEM when the kernel has
- *    no more files or mappings to give. A NULL where an object or an output belongs, and an
- *    object of another platform, are ROVA_ERROR_INVALID_VALUE.
+ *    no more files or mappings to give. A NULL where an object or an output belongs, and a
+ *    device of another platform, are ROVA_ERROR_INVALID_VALUE.
  *  - A failure writes one log record that says what was wrong, writes no output and changes
  *    nothing, unless the call says otherwise.
  *  - What an open or alloc call gives belongs to the caller until the matching close or free.
