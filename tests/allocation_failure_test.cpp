@@ -13,11 +13,11 @@
 
 #include "priv_rova_umem.hpp"
 #include "priv_rova_umem_api.h"
-#include "rova_soft_platform.h"
 #include "rova_umem.h"
 #include "support/export_helpers.hpp"
 #include "support/scripted_device.hpp"
 #include "support/scripted_sub_devices.hpp"
+#include "support/soft_device.hpp"
 
 namespace {
 
@@ -193,41 +193,31 @@ TEST_F(memory, may_run_out_in_the_first_export_and_in_the_import)
 
 TEST_F(memory, may_run_out_in_the_software_device)
 {
-    rova_dev* dev = nullptr;
-    ASSERT_EQ(rova_soft_dev_open(&dev), ROVA_SUCCESS);
-    std::string range(64, 'r');
+    const support::soft_device device;
+    rova_dev* const dev = device.m_dev;
+    void* const at = this;
     const int file = ::memfd_create("test", MFD_CLOEXEC);
     ASSERT_EQ(::ftruncate(file, 64), 0);
     const auto share = [&](allocation_trap& trap) {
         priv_rova_umem* regions[3] = {};
         void* first = nullptr;
-        size_t length = 0;
-        size_t count = 0;
-        const std::function<rova_error_t()> steps[] = {
-            [&] { return priv_rova_umem_create_dmabuf(dev, 0, 0, 64, 1, file, 3, &regions[0]); },
-            [&] { return priv_rova_umem_create_pg_sz(dev, &range[0], 64, 1, 3, &regions[1]); },
-            [&] { return priv_rova_umem_export(regions[1], &first, &length); },
-            [&] {
-                return priv_rova_umem_create_from_export(dev, first, length, &range[0],
-                                                         &regions[2]);
-            }};
-        outcome result = done;
-        for (const auto& step : steps) {
-            result = result == done ? reported(trap, step) : result;
-        }
-        rova_soft_dev_count_registrations(dev, &count);
-        result = verdict(result, count < 3, count == 3);
+        size_t length = 0, registered = 0, left = 1;
+        const outcome result = reported(trap, [&] {
+            rova_error_t code = priv_rova_umem_create_dmabuf(dev, at, 0, 64, 1, file, 3, regions);
+            code = code ? code : priv_rova_umem_create_pg_sz(dev, at, 64, 1, 3, &regions[1]);
+            code = code ? code : priv_rova_umem_export(regions[1], &first, &length);
+            return code ? code
+                        : priv_rova_umem_create_from_export(dev, first, length, at, &regions[2]);
+        });
+        rova_soft_dev_count_registrations(dev, &registered);
         for (priv_rova_umem* const region : regions) {
-            if (region != nullptr && destroy(region) != ROVA_SUCCESS) {
-                return wrong;
-            }
+            registered -= region != nullptr && destroy(region) == ROVA_SUCCESS ? 1 : 0;
         }
-        rova_soft_dev_count_registrations(dev, &count);
-        return count == 0 ? result : wrong;
+        rova_soft_dev_count_registrations(dev, &left);
+        return registered == 0 && left == 0 ? result : wrong;
     };
     sweep("share", share, 12);
     ::close(file);
-    EXPECT_EQ(rova_soft_dev_close(dev), ROVA_SUCCESS);
 }
 
 /** A text in which all that can grow in json-c has to: numbers, texts, names and containers. */

@@ -149,11 +149,6 @@ TEST(array, holds_its_elements_in_the_order_they_came)
     }
     EXPECT_EQ(std::tuple(position, array->length()), std::tuple(3u, 3u));
     EXPECT_EQ(failure_of([&] { array->at(3); }), "out of range");
-
-    node::iterator from_first = array->begin();
-    const node::iterator second = ++from_first;
-    ++from_first;
-    EXPECT_EQ(&*second, nodes[1].get()) << "a copy of the iterator stays where it was";
 }
 
 TEST(object, holds_one_node_under_a_key_and_makes_up_a_null_for_a_key_it_lacks)

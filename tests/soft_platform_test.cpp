@@ -176,6 +176,9 @@ TEST(soft_gpu, gives_a_dmabuf_only_where_an_allocation_begins)
     const auto get_fd = priv_rova_sub_dev_gpu_ops_get()->get_dmabuf_fd_cb;
     EXPECT_EQ(get_fd(gpu, static_cast<char*>(address) + 16, 16, &fd), ROVA_ERROR_NOT_SUPPORTED);
     EXPECT_EQ(get_fd(gpu, address, page + 1, &fd), ROVA_ERROR_INVALID_VALUE);
+    EXPECT_EQ(rova_soft_gpu_set_dmabuf_supported(gpu, false), ROVA_SUCCESS);
+    EXPECT_EQ(get_fd(gpu, address, page, &fd), ROVA_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(fd, -1);
     const registration region = device->register_umem(address, page, read_write, page);
     EXPECT_EQ(rova_soft_gpu_close(gpu), ROVA_ERROR_IN_USE);
     EXPECT_EQ(rova_soft_gpu_free(gpu, address), ROVA_SUCCESS);
