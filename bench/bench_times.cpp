@@ -105,7 +105,7 @@ template <typename step_function>
 side repeat(step_function step)
 {
     return [step](benchmark::State& state) {
-        for (auto _ : state) {
+        for ([[maybe_unused]] const auto _ : state) {
             benchmark::DoNotOptimize(step());
         }
     };
@@ -176,7 +176,7 @@ void register_and_deregister(benchmark::State& state)
     bench::scripted_device device(1);
     char memory = 0;
     priv_rova_umem* region = nullptr;
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto _ : state) {
         benchmark::DoNotOptimize(
             priv_rova_umem_create_pg_sz(device.dev(), &memory, 1, 1, 0, &region));
         benchmark::DoNotOptimize(priv_rova_umem_destroy(region));
@@ -193,7 +193,7 @@ side adapter_calls(adapter_function adapter_of)
         };
         bench::scripted_device device(1);
         char memory = 0;
-        for (auto _ : state) {
+        for ([[maybe_unused]] const auto _ : state) {
             const std::unique_ptr<region_sized> object(new region_sized);
             benchmark::DoNotOptimize(object.get());
             const auto made = adapter_of(device)->register_umem(&memory, 1, 0, 1);
@@ -213,7 +213,7 @@ side repeat_call(rova_error_t (*call)(priv_rova_umem*, void**, size_t*))
         benchmark::DoNotOptimize(callee);
         void* bytes = nullptr;
         size_t length = 0;
-        for (auto _ : state) {
+        for ([[maybe_unused]] const auto _ : state) {
             benchmark::DoNotOptimize(callee(region.get(), &bytes, &length));
         }
     };
