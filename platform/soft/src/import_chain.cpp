@@ -53,15 +53,29 @@ void check_format(const soft::export_block& block)
     }
 }
 
-/** A process that cannot exist is one that is not there. */
+/**
+ * Whether there is such a process: 0, EPERM where it is another user's, or another error.
+ *
+ * Elsewhere the kernel takes the number of any thread for its process. A block that names a thread
+ * of this process must not pass for one from another.
+ */
+int error_of_process(uint64_t number)
+{
+    const auto pid = static_cast<pid_t>(number);
+    // A process that cannot exist is one that is not there.
+    if (number > INT_MAX) {
+        return ESRCH;
+    }
+    return ::tgkill(pid, pid, 0) != 0 ? errno : 0;
+}
+
 void check_process(const soft::export_block& block)
 {
-    const auto pid = static_cast<pid_t>(block.pid);
-    // Elsewhere the kernel takes the number of any thread for its process. A block that names a
-    // thread of this process must not pass for one from another.
-    const int error = block.pid > INT_MAX ? ESRCH : ::tgkill(pid, pid, 0) != 0 ? errno : 0;
-    const auto started =
-        error == 0 || error == EPERM ? soft::start_time_of(pid) : std::optional<uint64_t>();
+    const int error = error_of_process(block.pid);
+    std::optional<uint64_t> started;
+    if (error == 0 || error == EPERM) {
+        started = soft::start_time_of(static_cast<pid_t>(block.pid));
+    }
     if (!started && error == EPERM) {
         fail_to_read_record(block, EPERM);
     }

@@ -654,7 +654,7 @@ public:
 
     void reserve(size_t count) { vec.reserve(count); }
 
-    /** Makes the next element, of which there can be as many as a device block has bytes. */
+    /** Makes the next element. A device block has one for each of its bytes. */
     template <typename field, typename value>
     void append(value val)
     {
