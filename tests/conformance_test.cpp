@@ -87,6 +87,7 @@ TEST(conformance, the_software_platform_passes_and_spoilt_adapters_fail)
         {"one id", "ids_are_unique", "have the id 7"},
         {"ends nothing", "deregistering_ends", "again gave ROVA_SUCCESS"},
         {"exports nothing", "export_gives_a_block", "is empty"},
+        {"ends nothing", "unknown_handles_are_refused", "the null handle gave ROVA_SUCCESS"},
         {"ends nothing", "release_spends_the_handle", "gave ROVA_SUCCESS"},
         {"exports nothing", "regions_live_their_lives", "priv_rova_umem_export gave"},
         {"one id", "threads_do_not_meet", "two threads have a live registration"},

@@ -149,6 +149,10 @@ TEST(array, holds_its_elements_in_the_order_they_came)
     }
     EXPECT_EQ(std::tuple(position, array->length()), std::tuple(3u, 3u));
     EXPECT_EQ(failure_of([&] { array->at(3); }), "out of range");
+
+    node::iterator walking = array->begin();
+    const node::iterator second = ++walking;
+    EXPECT_TRUE(&*++walking == nodes[2].get() && &*second == nodes[1].get()) << "a copy stays";
 }
 
 TEST(object, holds_one_node_under_a_key_and_makes_up_a_null_for_a_key_it_lacks)

@@ -178,7 +178,6 @@ TEST_F(tool, misuse_is_explained_on_standard_error)
         {"share empty --out d", 1, "is empty"},
         {"share file --out file", 1, "would replace the shared file"},
         {"share file --out none/d", 1, "cannot create"},
-        {"read input", 1, "rova_umem inspect"},
         {"read descriptor --offset 1 --length 100000", 1, "99999 of them"},
         {"write descriptor --offset 0", 1, "with --writable"},
         {"write descriptor --offset 99999", 1, "room for 1 byte; nothing"},
@@ -222,6 +221,7 @@ TEST_F(tool, inspect_says_what_is_wrong_with_a_descriptor_and_where)
         expect("inspect - <input", code, text);
         const std::string shown = run("inspect input").first;
         EXPECT_FALSE(std::regex_search(shown, std::regex("[^\n -~]"))) << text;
+        EXPECT_TRUE(std::regex_search(run("read input 2>&1").first, std::regex("inspect|Use t")));
         const std::unique_ptr<json_object, int (*)(json_object*)> json(
             json_tokener_parse(run("inspect --json input").first.c_str()), json_object_put);
         EXPECT_EQ(json_object_get_boolean(json_object_object_get(json.get(), "whole")), code == 0);
