@@ -8,7 +8,7 @@
 #include "rova_soft_platform.h"
 #include "rova_umem.h"
 
-/* The library has logged what went wrong; here it is enough to stop. */
+/* The library has already logged what went wrong, so the program only stops. */
 static void must(rova_error_t code)
 {
     if (code != ROVA_SUCCESS) {
@@ -26,13 +26,13 @@ int main(void)
     uint32_t id;
 
     must(rova_soft_dev_open(&dev));
-    must(rova_umem_create(dev, memory, sizeof memory, ROVA_SOFT_ACCESS_READ, &umem));
+    must(rova_umem_create(dev, memory, sizeof memory, ROVA_PLATFORM_ACCESS_READ, &umem));
     must(rova_umem_get_id(umem, &id));
 
-    must(rova_soft_dev_read(dev, id, 0, seen, sizeof seen));
+    must(rova_platform_dev_read(dev, id, 0, seen, sizeof seen));
     printf("umem %" PRIu32 " holds \"%s\"\n", id, seen);
 
     must(rova_umem_destroy(umem));
-    must(rova_soft_dev_close(dev));
+    must(rova_platform_dev_close(dev));
     return EXIT_SUCCESS;
 }

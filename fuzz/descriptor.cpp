@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         require(priv_rova_umem_destroy(umem) == ROVA_SUCCESS, "an imported region can be ended");
     }
     size_t registrations = 1;
-    require(rova_soft_dev_count_registrations(dev, &registrations) == ROVA_SUCCESS &&
+    require(rova_platform_dev_count_registrations(dev, &registrations) == ROVA_SUCCESS &&
                 registrations == 0,
             "nothing stays registered");
     return 0;

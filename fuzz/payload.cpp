@@ -1,5 +1,5 @@
-// Any text as the payload of a good envelope, on a device that takes every block but an empty one.
-// What can be imported is exported again and has to come back the same.
+// Any text as the payload of a valid envelope, on a device that accepts every block but an empty
+// one. What can be imported is exported again and must come out the same.
 
 #include <vector>
 
@@ -19,7 +19,7 @@ namespace {
 struct keeping_device : rova_dev,
                         device_abstraction::idevice_adapter,
                         device_abstraction::itlox_adapter {
-    // The adapters are the device itself, which lives as long as the process.
+    // The device is its own adapter, and lives as long as the process.
     keeping_device() { device_adapter = {std::shared_ptr<void>(), this}; }
     std::shared_ptr<itlox_adapter> get_tlox_adapter() noexcept override
     {
@@ -50,13 +50,13 @@ struct keeping_device : rova_dev,
     void release_umem(tlox_umem* umem) override { deregister_umem(umem); }
 };
 
-struct region_end {
+struct region_deleter {
     void operator()(priv_rova_umem* umem) const
     {
         require(priv_rova_umem_destroy(umem) == ROVA_SUCCESS, "a region can be ended");
     }
 };
-using region = std::unique_ptr<priv_rova_umem, region_end>;
+using region = std::unique_ptr<priv_rova_umem, region_deleter>;
 
 region import(const uint8_t* bytes, size_t size)
 {

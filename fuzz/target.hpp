@@ -1,4 +1,4 @@
-// What the fuzz targets share.
+// Helpers that the fuzz targets share.
 
 #pragma once
 
@@ -12,7 +12,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-/** Ends the process, so that the fuzzer keeps the input, when something does not hold. */
+/** Ends the process unless a condition holds, so that the fuzzer keeps the input. */
 inline void require(bool holds, const char* what)
 {
     if (!holds) {
@@ -21,5 +21,5 @@ inline void require(bool holds, const char* what)
     }
 }
 
-/** Nearly every input is refused, and each refusal is logged: nobody reads those. */
-inline const bool is_quiet = rova_soft_log_set_level(ROVA_LOG_LEVEL_DISABLE) == ROVA_SUCCESS;
+/** Drops the log: nearly every input is refused, and each refusal is logged. */
+inline const bool is_quiet = rova_platform_log_set_level(ROVA_LOG_LEVEL_DISABLE) == ROVA_SUCCESS;

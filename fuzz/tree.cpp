@@ -8,7 +8,7 @@
 
 namespace {
 
-/** What is left of the input. Reads zeros when nothing is. */
+/** The rest of the input. Reads zeros after its end. */
 class bytes_left {
 public:
     bytes_left(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}

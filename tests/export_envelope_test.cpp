@@ -21,7 +21,7 @@ bytes seal(const bytes& payload)
     return factory::get_latest()->serialize(payload.data(), length).first;
 }
 
-/** The payload of a descriptor; what refuses one throws. */
+/** The payload of a descriptor; throws if it is refused. */
 bytes open(const bytes& descriptor)
 {
     const bytes copy = descriptor;
@@ -44,7 +44,7 @@ bytes forge(uint16_t version, uint16_t header_length, uint32_t payload_length, s
     return forged;
 }
 
-TEST(envelope, is_the_known_bytes_and_gives_back_what_was_put_in)
+TEST(envelope, has_the_known_bytes_and_returns_its_payload)
 {
     EXPECT_EQ(seal({}), (bytes{0x97, 0xD4, 0x8E, 0xFC, 0, 0, 0x0C, 0, 0, 0, 0, 0}));
     EXPECT_EQ(seal({'{', '}', 0}), (bytes{0x30, 0x8A, 0x63, 0xFB, 0x00, 0x00, 0x0C, 0x00, 0x03,

@@ -1,4 +1,7 @@
+#include <iterator>
+#include <map>
 #include <set>
+#include <string>
 #include <tuple>
 #include <type_traits>
 
@@ -103,7 +106,7 @@ TEST(field, refuses_what_its_class_does_not_offer_and_stays_as_it_is)
     }
 }
 
-TEST(field, knows_its_parent_and_keeps_it_when_the_parent_lets_go)
+TEST(field, knows_its_parent_even_after_the_parent_has_dropped_it)
 {
     const field_ptr child = make_null();
     const field_ptr first = make_array({child});
@@ -115,7 +118,7 @@ TEST(field, knows_its_parent_and_keeps_it_when_the_parent_lets_go)
     EXPECT_EQ(child->get_parent(), second.get());
 }
 
-TEST(field, that_is_no_array_is_iterated_zero_times_and_begins_at_itself)
+TEST(field, that_is_not_an_array_is_iterated_zero_times_and_begins_at_itself)
 {
     for (const auto& [name, field, type, offers] : node_classes()) {
         const node::iterator begin = field->begin();
@@ -136,7 +139,7 @@ TEST(null_field, gives_a_new_null_for_every_lookup_and_keeps_none)
     EXPECT_TRUE(unkept.expired());
 }
 
-TEST(array, holds_its_elements_in_the_order_they_came)
+TEST(array, holds_its_elements_in_the_order_of_their_addition)
 {
     const std::vector<field_ptr> nodes = {make_null(), make_object(), make_array()};
     const field_ptr array = make_array(nodes);
@@ -155,7 +158,58 @@ TEST(array, holds_its_elements_in_the_order_they_came)
     EXPECT_TRUE(&*++walking == nodes[2].get() && &*second == nodes[1].get()) << "a copy stays";
 }
 
-TEST(object, holds_one_node_under_a_key_and_makes_up_a_null_for_a_key_it_lacks)
+/** Visits each number, and prints like its base. */
+struct number_watcher : json_c_serializer {
+    using json_c_serializer::visit;
+    void visit(const export_field_uint32& field) override { see(field); }
+    void visit(const export_field_uint64& field) override { see(field); }
+    template <class field_class>
+    void see(const field_class& field)
+    {
+        seen.push_back(&field);
+        json_c_serializer::visit(field);
+    }
+    std::vector<const node*> seen;
+};
+
+TEST(array_of_bytes, makes_nodes_that_stay_for_whoever_asks_and_none_for_the_text)
+{
+    using byte_class = export_field_array::byte_class;
+    const std::vector<uint8_t> bytes = {7, 255, 0};
+    for (const byte_class nodes_are : {byte_class::uint32, byte_class::uint64}) {
+        const auto array = std::make_shared<export_field_array>(bytes, nodes_are, nullptr);
+        const field_ptr object = make_object();
+        object->add("a", array);
+        EXPECT_EQ(print(*object), R"({"a":[7,255,0]})");
+        EXPECT_EQ(export_proto(array).to_bytes(), bytes);
+        EXPECT_EQ(std::tuple(array->length(), array->is_key_val_pair()), std::tuple(3u, false));
+        EXPECT_EQ(array->kept_bytes(), bytes) << "nobody has asked for a node";
+
+        number_watcher watcher;
+        object->accept(watcher);
+        size_t position = 0;
+        for (const node& element : export_proto(array)) {
+            EXPECT_EQ(&element, array->at(position).get());
+            EXPECT_EQ(&element, (*array)[position].get());
+            EXPECT_EQ(&element, watcher.seen.at(position));
+            EXPECT_EQ(dynamic_cast<const export_field_uint64*>(&element) != nullptr,
+                      nodes_are == byte_class::uint64);
+            EXPECT_EQ(element.get_parent(), array.get());
+            EXPECT_EQ(element.get_uint64(), bytes.at(position++));
+        }
+        EXPECT_EQ(std::tuple(position, array->length()), std::tuple(3u, 3u));
+        EXPECT_EQ(failure_of([&] { array->at(3); }), "out of range");
+        EXPECT_EQ(print(*object), R"({"a":[7,255,0]})");
+        EXPECT_EQ(export_proto(array).to_bytes(), bytes);
+    }
+    const field_ptr object = make_object();
+    export_proto proto(object);
+    proto["a"] = export_proto::from_bytes(bytes);
+    proto["a"] += {"more"};
+    EXPECT_EQ(print(*object), R"({"a":[7,255,0,"more"]})");
+}
+
+TEST(object, holds_one_node_under_a_key_and_adds_a_null_for_a_missing_key)
 {
     const field_ptr object = make_object();
     const field_ptr made_up = (*object)["b"];
@@ -170,6 +224,35 @@ TEST(object, holds_one_node_under_a_key_and_makes_up_a_null_for_a_key_it_lacks)
     EXPECT_EQ(object->remove(made_up), "") << "replaced, so no member any more";
     EXPECT_EQ(object->remove(twice), "a") << "the first key in order";
     EXPECT_EQ(print(*object), R"({"b":[]})");
+}
+
+TEST(object, keeps_many_members_in_order_however_they_come_and_go)
+{
+    for (const size_t step : {1u, 999u, 387u}) {
+        const field_ptr object = make_object();
+        std::map<std::string, size_t> model;
+        for (size_t i = 0; i < 1000; ++i) {
+            const size_t number = i * step % 1000;
+            object->add(std::to_string(number), make<export_field_uint64>(number));
+            model[std::to_string(number)] = number;
+        }
+        // Whole ranges of keys, the lowest and the highest among them.
+        for (auto member = model.begin(); member != model.end();) {
+            const std::string& key = member->first;
+            const bool goes = std::string("0149").find(key[0]) != std::string::npos;
+            EXPECT_EQ(goes ? object->remove((*object)[key]) : key, key);
+            member = goes ? model.erase(member) : std::next(member);
+        }
+        auto& members = static_cast<core::export_field_object&>(*object);
+        EXPECT_TRUE(members.replace((*object)["5"], make<export_field_uint64>(7)));
+        model["5"] = 7;
+        std::string text = R"({"0":null)";
+        for (const auto& [key, number] : model) {
+            text += ",\"" + key + "\":" + std::to_string(number);
+        }
+        EXPECT_TRUE((*object)["0"]->is_null());
+        EXPECT_EQ(print(*object), text + "}") << step;
+    }
 }
 
 TEST(container, releases_a_child_that_nobody_else_holds)

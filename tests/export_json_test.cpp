@@ -1,7 +1,11 @@
 #include <dlfcn.h>
 #include <locale.h>
 
+#include <cerrno>
 #include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <random>
 
 #include "support/allocation_failure.hpp"
@@ -10,9 +14,10 @@
 namespace {
 
 bool text_is_refused = false;
-int refused_type = 0;  // at which call from now on
+int texts_with_enomem = 0;  // the number of the next texts that leave ENOMEM in errno
+int refused_type = 0;       // which of the next calls gives an unknown type; 0: none
 
-/** The function of json-c that one of this program with the same name hides. */
+/** The function of json-c that this program's function of the same name replaces. */
 template <class function>
 function* hidden(const char* name, function* /*same_type*/)
 {
@@ -24,8 +29,28 @@ function* hidden(const char* name, function* /*same_type*/)
 extern "C" {
 const char* json_object_to_json_string_ext(json_object* value, int flags)
 {
-    return text_is_refused ? nullptr
-                           : hidden(__func__, json_object_to_json_string_ext)(value, flags);
+    const char* const text =
+        text_is_refused ? nullptr : hidden(__func__, json_object_to_json_string_ext)(value, flags);
+    errno = --texts_with_enomem >= 0 ? ENOMEM : errno;
+    return text;
+}
+/** Prints as in a locale with a decimal sign of several bytes, unless the thread uses another. */
+ROVA_API __attribute__((format(printf, 5, 6))) int
+// NOLINTNEXTLINE(readability-identifier-naming): what the C library calls it
+__snprintf_chk(char* text, size_t size, int, size_t, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = std::vsnprintf(text, size, format, arguments);
+    va_end(arguments);
+    char* const point = std::strchr(text, '.');
+    if (point == nullptr || uselocale(nullptr) != LC_GLOBAL_LOCALE) {
+        return length;
+    }
+    std::memmove(point + 2, point + 1, std::strlen(point));
+    point[0] = '\xD9';
+    point[1] = '\xAB';
+    return length + 1;
 }
 json_type json_object_get_type(const json_object* value)
 {
@@ -87,9 +112,17 @@ TEST(printing, of_any_value_takes_the_place_of_the_last_one)
             EXPECT_EQ(reinterpret_cast<const char*>(blob), text);
             EXPECT_EQ(length, text.size() + 1);
         }
+        errno = EDOM;
+        texts_with_enomem = 1;
+        EXPECT_EQ(failure_of(serialize), "nothing") << "it may be a success's errno";
+        texts_with_enomem = 2;
+        EXPECT_EQ(failure_of(serialize),
+                  "NO_MEMORY serialize: json_object_to_json_string_ext failed");
         text_is_refused = true;
+        texts_with_enomem = 2;
         EXPECT_EQ(failure_of(serialize), "logic error");
         text_is_refused = false;
+        EXPECT_EQ(errno, EDOM) << "the caller's";
     }
     EXPECT_EQ(support::live_allocations(), live);
 }
@@ -116,13 +149,13 @@ TEST(parsing, gives_every_value_its_class)
     EXPECT_EQ(tree->get_parent(), nullptr);
 }
 
-/** An object with `depth` containers in all, one within the other. */
+/** An object with `depth` nested containers, itself included. */
 std::string nested(size_t depth)
 {
     return "{\"a\":" + std::string(depth - 1, '[') + "1" + std::string(depth - 1, ']') + "}";
 }
 
-TEST(parsing, refuses_what_is_no_object_in_json_and_says_why)
+TEST(parsing, refuses_what_is_not_a_json_object_and_says_why)
 {
     const std::string whole = R"({"a":[1,{"b":"c"}],"d":null})";
     std::vector<std::pair<std::string, std::string>> rows = {{whole, " is not terminated by NUL"}};
@@ -142,6 +175,7 @@ TEST(parsing, refuses_what_is_no_object_in_json_and_says_why)
     refused(" is nested too deeply", {nested(33), nested(34), nested(100000)});
     const locale_t own = newlocale(LC_ALL_MASK, "C.UTF-8", nullptr);
     uselocale(own);
+    errno = EDOM;
     json_c_serializer serializer;
     for (const auto& [bytes, message] : rows) {
         SCOPED_TRACE(bytes.substr(0, 100));
@@ -159,6 +193,7 @@ TEST(parsing, refuses_what_is_no_object_in_json_and_says_why)
     }
     EXPECT_EQ(print(*parse(serializer, whole + '\0' + '}')), whole) << "it is as good as new";
     EXPECT_EQ(print(*parse(nested(31))), nested(31)) << "as deep as json-c goes";
+    EXPECT_EQ(errno, EDOM) << "the caller's";
     EXPECT_EQ(uselocale(LC_GLOBAL_LOCALE), own);
     freelocale(own);
 }
@@ -173,7 +208,7 @@ std::string random_text(std::mt19937_64& random)
     return text;
 }
 
-/** A tree made of random numbers. Where one is given that was read back, it is to be the same. */
+/** A random tree. If a tree that was read back is given, it must equal that one. */
 field_ptr random_tree(std::mt19937_64& random, char kind, int depth, const field_ptr& found)
 {
     uint64_t number = random();

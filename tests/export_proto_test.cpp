@@ -1,13 +1,19 @@
+#include <atomic>
 #include <tuple>
 #include <type_traits>
+#include <vector>
 
 #include "support/export_helpers.hpp"
+
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wbraced-scalar-init"  // one form of an empty array
+#endif
 
 namespace {
 
 using core::export_proto;
 
-/** A root object with a null member "a", and a proto that stands for it. */
+/** A root object with a null member "a", and a proto that refers to the object. */
 struct tree {
     field_ptr root = make_object();
     export_proto proto = export_proto(root);
@@ -49,6 +55,8 @@ TEST(proto, makes_the_node_that_fits_the_value)
 
 TEST(proto, makes_an_object_of_pairs_and_an_array_of_anything_else)
 {
+    std::vector<bool> flags = {true};
+    const std::atomic<bool> flag(true);
     struct {
         export_proto proto;
         const char* text;
@@ -63,10 +71,17 @@ TEST(proto, makes_an_object_of_pairs_and_an_array_of_anything_else)
         {{{1u, "major"}, {"a", 1u, 2u}}, R"([[1,"major"],["a",1,2]])"},
         {{{"z", {{"y", {"x", true, nullptr}}}}, {"a", {nullptr}}},
          R"({"a":[],"z":{"y":["x",true,null]}})"},
-        {{0u}, "[0]"},
-        {{0u, 0u}, "[0,0]"},
-        {{nullptr}, "[]"},
+        {{export_proto(0u)}, "[0]"},
+        {{0u, 1u}, "[0,1]"},
+        {export_proto(flags[0]), "true"},
+        {export_proto(flag), "true"},
         {std::initializer_list<export_proto>{}, "[]"},
+        {{nullptr}, "[]"},
+        {{nullptr, nullptr}, "[]"},
+        {{{nullptr}}, "[]"},
+        {{{nullptr}, 1u}, "[[],1]"},
+        {{0}, "[]"},   // NOLINT(modernize-use-nullptr): a null pointer, too
+        {{0u}, "[]"},  // NOLINT(modernize-use-nullptr)
     };
     for (auto& row : rows) {
         EXPECT_EQ(text_of(std::move(row.proto)), row.text);

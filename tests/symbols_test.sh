@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What the shared library of the component shows to the world, and what it asks of it.
+# The symbols that the component's shared library exports, and those that it imports.
 # symbols_test.sh SHARED_LIBRARY MAP SONAME CHECKOUT LIBRARY...
 set -euo pipefail
 

@@ -1,5 +1,5 @@
 /*
- * How the flat functions check their arguments: in order, with one message, writing nothing.
+ * The flat functions check their arguments in order, log one message and write nothing.
  */
 #include <dlfcn.h>
 
@@ -9,7 +9,7 @@
 
 namespace {
 
-/** An argument that is checked, and what is said of a wrong one. */
+/** A checked argument, and the message for a wrong one. */
 template <class value>
 struct checked {
     value right;
@@ -19,7 +19,10 @@ struct checked {
 template <class value>
 checked(value, const char*) -> checked<value>;
 
-/** Picks the arguments of a call: right ones, then a wrong one, then such as it is told. */
+/**
+ * Picks the arguments of a call: those before `m_wrong` are right, that one is wrong, and those
+ * after it are right or wrong as `m_rest_is_right` says.
+ */
 struct picker {
     template <class value>
     value operator()(const checked<value>& argument)
@@ -43,8 +46,8 @@ struct picker {
 
 class umem_arguments : public support::umem_fixture {
 protected:
-    // Calls a function once for each checked argument and way to be the first wrong one: with right
-    // ones after it, and alone with all that are checked after it.
+    // Calls a function twice for each checked argument, with that one as the first that is wrong:
+    // once with right arguments after it, and once with wrong ones.
     template <class function, class... arguments>
     void refuses(function* call, const std::string& action, const arguments&... values)
     {
@@ -67,7 +70,7 @@ protected:
         }
     }
 
-    // An argument that is not checked may be anything: these are as bad as can be.
+    // An argument that is not checked may be anything: these are the worst values.
     const uint32_t m_flags = 0xFFFFFFFF;
     rova_dev* const m_no_device = nullptr;
     void* const m_nowhere = nullptr;

@@ -1,5 +1,5 @@
 /*
- * Export descriptors of regions: what is in them, and what becomes of those that come from outside.
+ * Export descriptors of regions: their contents, and how untrusted ones are handled.
  */
 #include <fstream>
 #include <iterator>
@@ -34,7 +34,7 @@ bytes golden(const std::string& name)
     return bytes(std::istreambuf_iterator<char>(file), {});
 }
 
-/** A descriptor with any payload at all. */
+/** A descriptor with an arbitrary payload. */
 bytes wrap(const std::string& json)
 {
     const auto* const payload = reinterpret_cast<const uint8_t*>(json.c_str());
@@ -60,7 +60,7 @@ bytes with(const std::string& key, const std::string& text)
 
 class umem_export : public support::umem_fixture {
 protected:
-    /** Imports what must not reach the device. */
+    /** Imports a descriptor that must not reach the device. */
     void refused(const bytes& descriptor, rova_error_t code, const lines& texts)
     {
         priv_rova_umem* region = m_untouched;
@@ -72,7 +72,7 @@ protected:
         expect_log(texts);
     }
 
-    /** Imports what has to be importable, and ends it again. */
+    /** Imports a descriptor that must be accepted, and destroys the region. */
     void imported(const bytes& descriptor, const numbers& values, const bytes& block,
                   const std::string& text = version("1", "1"))
     {
@@ -176,7 +176,7 @@ TEST_F(umem_export, members_that_are_missing_or_mistyped_are_refused_in_their_or
             SCOPED_TRACE(key + ": " + text);
             const bytes descriptor = with(key, text);
             refused(descriptor, code, key == "version" ? by_bridge : reader);
-            // What has been read when an exception comes stays in a region that is its caller's.
+            // The region belongs to the caller, and keeps what was read before the exception.
             priv_rova_umem region;
             EXPECT_EQ(region.init(m_device, descriptor.data(), descriptor.size(), m_address), code);
             EXPECT_EQ(numbers(region.get_size(), region.get_page_size(), region.get_access_flags()),

@@ -1,10 +1,12 @@
 /*
- * Regions from creation to end, with devices and layers that work and that fail.
+ * Regions from creation to end, with devices and layers that work or fail.
  */
 #include <numeric>
 #include <optional>
+#include <set>
 #include <thread>
 #include <tuple>
+#include <vector>
 
 #include "priv_rova_page_size.h"
 #include "support/soft_device.hpp"
@@ -29,7 +31,7 @@ const std::string destroy_failed =
 
 using umem = support::umem_fixture;
 
-TEST_F(umem, registers_what_it_is_given_and_tells_it_back)
+TEST_F(umem, registers_its_arguments_and_returns_them)
 {
     priv_rova_umem* made = nullptr;
     const auto expect = [&](const std::string& call, uint32_t right_id, uint32_t right_size,
@@ -58,33 +60,36 @@ TEST_F(umem, registers_what_it_is_given_and_tells_it_back)
     expect("register_umem_dmabuf 0 0 13 9 7 64", 102, 9, 64, nullptr);
 }
 
-TEST_F(umem, calls_the_device_as_its_life_goes)
+TEST_F(umem, calls_the_device_at_each_step_of_its_life)
 {
     const std::string dereg = "deregister_umem 100", release = "release_umem 100";
     const lines again = {"bridge_release: Failed to release umem...", release_failed};
-    // d: deregister, r: release, x: fail to deregister; and then the object goes
-    const std::tuple<std::string, lines, lines> rows[] = {
-        {"", {dereg}, {}},
-        {"d", {dereg}, {}},
-        {"dd", {dereg}, {}},
-        {"r", {release}, {}},
-        {"rd", {release}, {}},
-        {"dr", {dereg, "release_umem 0"}, again},
-        {"rr", {release, "release_umem 0"}, again},
-        {"x", {dereg}, {dereg_failed}},
-        {"xd", {dereg, dereg}, {dereg_failed, dereg_failed}},
-        {"xr", {release}, {}}};
+    enum step { deregister, hand_over, fail_next };
+    // After the steps, the object is destroyed.
+    const std::tuple<std::vector<step>, lines, lines> rows[] = {
+        {{}, {dereg}, {}},
+        {{deregister}, {dereg}, {}},
+        {{deregister, deregister}, {dereg}, {}},
+        {{hand_over}, {release}, {}},
+        {{hand_over, deregister}, {release}, {}},
+        {{deregister, hand_over}, {dereg, "release_umem 0"}, again},
+        {{hand_over, hand_over}, {release, "release_umem 0"}, again},
+        {{fail_next}, {dereg}, {dereg_failed}},
+        {{fail_next, deregister}, {dereg, dereg}, {dereg_failed, dereg_failed}},
+        {{fail_next, hand_over}, {release}, {}}};
     for (const auto& [steps, calls, texts] : rows) {
-        SCOPED_TRACE(steps);
+        SCOPED_TRACE(testing::PrintToString(steps));
         support::scripted_device device;
         std::optional<priv_rova_umem> region;
         const void* const object = &region.emplace(device, m_address, 16U, 5U);
         device->take_calls();
-        for (const char step : steps) {
-            if (step == 'x') {
+        for (const step next : steps) {
+            if (next == fail_next) {
                 device->fail("deregister_umem", failing_with(ROVA_ERROR_IN_USE));
+            } else if (next == deregister) {
+                region->dereg();
             } else {
-                step == 'd' ? region->dereg() : region->release();
+                region->release();
             }
         }
         region.reset();
@@ -94,7 +99,7 @@ TEST_F(umem, calls_the_device_as_its_life_goes)
     EXPECT_EQ(priv_rova_umem().dereg(), ROVA_SUCCESS);
 }
 
-TEST_F(umem, constructor_that_fails_says_where_and_ends_nothing)
+TEST_F(umem, constructor_that_fails_names_its_place_and_deregisters_nothing)
 {
     m_device->fail("register_umem", failing_with(ROVA_ERROR_DRIVER));
     m_device->fail("register_umem_dmabuf", failing_with(ROVA_ERROR_FULL));
@@ -122,8 +127,8 @@ TEST_F(umem, constructor_that_fails_says_where_and_ends_nothing)
     EXPECT_EQ(m_device->take_calls().size(), 3U) << "more than the registrations was asked for";
 }
 
-// A life in which one call of the device fails, each in turn and in each way, and is tried again.
-TEST_F(umem, reports_any_failing_call_of_the_device_and_goes_on_from_there)
+// Each call of the device fails in turn, in each way, and is then repeated.
+TEST_F(umem, reports_any_failing_call_of_the_device_and_works_afterwards)
 {
     rova_umem* handle = nullptr;
     priv_rova_umem *region = nullptr, *imported = nullptr, *dmabuf = nullptr;
@@ -194,36 +199,40 @@ TEST_F(umem, gpu_memory_is_registered_by_dmabuf_or_else_by_address)
     const std::string failed = in_gpu + "Failed to create private gpu umem with legacy mode";
     const lines both = {dmabuf_failed, in_create_dmabuf, init_failed, in_create_pg_sz, failed};
     const rova_error_t invalid = ROVA_ERROR_INVALID_VALUE, full = ROVA_ERROR_FULL;
-    // o: no layer, g: it refuses, f: it gives no descriptor, d: no device, a: no address,
-    // b: registering by dmabuf fails, l: registering by address fails
-    const std::tuple<std::string, rova_error_t, lines, lines> rows[] = {
-        {"", ROVA_SUCCESS, {dmabuf}, {}},
-        {"al", ROVA_SUCCESS, {"register_umem_dmabuf 33 0 0 16 5 " + page}, {}},
-        {"gb", ROVA_SUCCESS, {address}, {}},
-        {"b", ROVA_SUCCESS, {dmabuf, address}, {dmabuf_failed, in_create_dmabuf}},
-        {"f", ROVA_SUCCESS, {address}, {in_dmabuf + "dmabuf_fd=-2 is less than zero"}},
-        {"gl", full, {address}, {init_failed, in_create_pg_sz, failed}},
-        {"bl", full, {dmabuf, address}, both},
-        {"gd", invalid, {}, {in_legacy + "dev=NULL", failed}},
-        {"dfa", invalid, {}, {in_dmabuf + "dev=NULL", in_legacy + "dev=NULL", failed}},
-        {"ga", invalid, {}, {in_legacy + "address=NULL", failed}},
-        {"o", ROVA_ERROR_BAD_STATE, {}, {in_gpu + "Failed to retrieve ROVA GPU ops"}},
+    enum wrong { no_layer, refused, no_fd, no_device, no_address, dmabuf_fails, address_fails };
+    const std::tuple<std::set<wrong>, rova_error_t, lines, lines> rows[] = {
+        {{}, ROVA_SUCCESS, {dmabuf}, {}},
+        {{no_address, address_fails},
+         ROVA_SUCCESS,
+         {"register_umem_dmabuf 33 0 0 16 5 " + page},
+         {}},
+        {{refused, dmabuf_fails}, ROVA_SUCCESS, {address}, {}},
+        {{dmabuf_fails}, ROVA_SUCCESS, {dmabuf, address}, {dmabuf_failed, in_create_dmabuf}},
+        {{no_fd}, ROVA_SUCCESS, {address}, {in_dmabuf + "dmabuf_fd=-2 is less than zero"}},
+        {{refused, address_fails}, full, {address}, {init_failed, in_create_pg_sz, failed}},
+        {{dmabuf_fails, address_fails}, full, {dmabuf, address}, both},
+        {{refused, no_device}, invalid, {}, {in_legacy + "dev=NULL", failed}},
+        {{no_device, no_fd, no_address},
+         invalid,
+         {},
+         {in_dmabuf + "dev=NULL", in_legacy + "dev=NULL", failed}},
+        {{refused, no_address}, invalid, {}, {in_legacy + "address=NULL", failed}},
+        {{no_layer}, ROVA_ERROR_BAD_STATE, {}, {in_gpu + "Failed to retrieve ROVA GPU ops"}},
     };
-    for (auto [wrong, code, calls, texts] : rows) {
-        SCOPED_TRACE(wrong);
-        const auto is = [&wrong = wrong](char what) {
-            return wrong.find(what) != std::string::npos;
-        };
-        support::scripted_layers::s_present = !is('o');
-        m_layers.m_dmabuf_code = is('g') ? ROVA_ERROR_NOT_SUPPORTED : ROVA_SUCCESS;
-        m_layers.m_dmabuf_fd = is('f') ? -2 : 33;
+    for (auto [wrongs, code, calls, texts] : rows) {
+        SCOPED_TRACE(testing::PrintToString(wrongs));
+        const auto is = [&wrongs = wrongs](wrong what) { return wrongs.count(what) != 0; };
+        support::scripted_layers::s_present = !is(no_layer);
+        m_layers.m_dmabuf_code = is(refused) ? ROVA_ERROR_NOT_SUPPORTED : ROVA_SUCCESS;
+        m_layers.m_dmabuf_fd = is(no_fd) ? -2 : 33;
         m_device->recover();
-        m_device->fail(is('b') ? "register_umem_dmabuf" : "", failing_with(ROVA_ERROR_DRIVER));
-        m_device->fail(is('l') ? "register_umem" : "", failing_with(full));
+        m_device->fail(is(dmabuf_fails) ? "register_umem_dmabuf" : "",
+                       failing_with(ROVA_ERROR_DRIVER));
+        m_device->fail(is(address_fails) ? "register_umem" : "", failing_with(full));
 
         rova_umem* handle = nullptr;
-        EXPECT_EQ(rova_umem_gpu_create(m_layers.gpu(), is('d') ? nullptr : &m_device,
-                                       is('a') ? nullptr : m_address, 16, 5, &handle),
+        EXPECT_EQ(rova_umem_gpu_create(m_layers.gpu(), is(no_device) ? nullptr : &m_device,
+                                       is(no_address) ? nullptr : m_address, 16, 5, &handle),
                   code);
         EXPECT_EQ(m_device->take_calls(), calls);
         if (code == ROVA_SUCCESS) {
@@ -276,7 +285,7 @@ TEST_F(umem, accelerator_memory_needs_its_layer_an_id_and_an_offset)
     EXPECT_EQ(m_device->take_calls(), lines());
 }
 
-TEST_F(umem, bridge_refuses_what_is_no_command_and_commands_without_their_data)
+TEST_F(umem, bridge_refuses_unknown_commands_and_commands_without_their_data)
 {
     priv_rova_umem* const region = make_region();
     for (const int command : {-1, 7, 8, 1, 2, 3}) {
@@ -295,9 +304,11 @@ TEST_F(umem, bridge_refuses_what_is_no_command_and_commands_without_their_data)
 
 TEST(umem_threads, share_regions_of_one_device_and_of_several_while_the_log_level_changes)
 {
-    int records = 0;  // which come one at a time
-    const auto count = [](const rova_soft_log_record*, void* user) { ++*static_cast<int*>(user); };
-    rova_soft_log_set_sink(count, &records);
+    int records = 0;  // unguarded, since records come one at a time
+    const auto count = [](const rova_platform_log_record*, void* user) {
+        ++*static_cast<int*>(user);
+    };
+    rova_platform_log_set_sink(count, &records);
     const support::soft_device devices[3];
     const auto work = [&](uint8_t mark) {
         rova_dev* const dev = devices[mark % 2].m_dev;
@@ -305,19 +316,20 @@ TEST(umem_threads, share_regions_of_one_device_and_of_several_while_the_log_leve
         std::iota(memory.begin(), memory.end(), mark);
         for (int round = 0; round < 50; ++round) {
             rova_dev* const importer = devices[round % 3].m_dev;
-            rova_soft_log_set_level(round % 2 == 0 ? ROVA_LOG_LEVEL_DEBUG : ROVA_LOG_LEVEL_ERROR);
+            rova_platform_log_set_level(round % 2 == 0 ? ROVA_LOG_LEVEL_DEBUG
+                                                       : ROVA_LOG_LEVEL_ERROR);
             rova_umem* handle = nullptr;
             priv_rova_umem* imported = nullptr;
             void* desc = nullptr;
             size_t length = 0;
-            ASSERT_EQ(
-                rova_umem_create(dev, memory.data(), memory.size(), ROVA_SOFT_ACCESS_READ, &handle),
-                ROVA_SUCCESS);
+            ASSERT_EQ(rova_umem_create(dev, memory.data(), memory.size(), ROVA_PLATFORM_ACCESS_READ,
+                                       &handle),
+                      ROVA_SUCCESS);
             ASSERT_EQ(priv_rova_umem_export(priv_rova_umem_from_rova_umem(handle), &desc, &length),
                       ROVA_SUCCESS);
             ASSERT_EQ(priv_rova_umem_create_from_export(importer, desc, length, desc, &imported),
                       ROVA_SUCCESS);
-            rova_soft_dev_read(importer, imported->get_id(), 0, seen.data(), seen.size());
+            rova_platform_dev_read(importer, imported->get_id(), 0, seen.data(), seen.size());
             EXPECT_EQ(seen, memory);
             EXPECT_EQ(priv_rova_umem_destroy(imported), ROVA_SUCCESS);
             EXPECT_EQ(rova_umem_destroy(handle), ROVA_SUCCESS);
@@ -330,8 +342,8 @@ TEST(umem_threads, share_regions_of_one_device_and_of_several_while_the_log_leve
     for (std::thread& thread : threads) {
         thread.join();
     }
-    rova_soft_log_set_sink(nullptr, nullptr);
-    rova_soft_log_set_level(ROVA_LOG_LEVEL_WARNING);
+    rova_platform_log_set_sink(nullptr, nullptr);
+    rova_platform_log_set_level(ROVA_LOG_LEVEL_WARNING);
     EXPECT_GT(records, 0);
 }
 

@@ -30,12 +30,12 @@ TEST(checksum, has_its_known_values)
     EXPECT_EQ(priv_rova_utils_crc32(digits, 9, 0xEDB88320), 0xCBF43926u);
 }
 
-TEST(checksum, comes_to_the_bits_of_the_loop_at_any_length_alignment_and_cut)
+TEST(checksum, equals_the_bitwise_loop_at_any_length_alignment_and_cut)
 {
     const std::vector<uint8_t> bytes = random_bytes(70000);
     for (size_t length = 0; length <= 65600; length += length < 600 ? 1 : 4091) {
         for (size_t offset = 0; offset < 16; ++offset) {
-            // Ends with the checked bytes, so that a sanitizer sees a byte too far.
+            // Ends with the checked bytes, so that a sanitizer detects reading past them.
             const std::vector<uint8_t> exact(bytes.data(), bytes.data() + offset + length);
             const uint8_t* const begin = exact.data() + offset;
             const uint32_t wanted = priv_rova_utils_crc32(begin, length, 0x04C11DB7);
@@ -50,7 +50,7 @@ TEST(checksum, comes_to_the_bits_of_the_loop_at_any_length_alignment_and_cut)
     }
 }
 
-TEST(scrambling, adds_a_growing_key_and_takes_it_away_again)
+TEST(scrambling, applies_a_growing_key_and_removes_it_again)
 {
     for (size_t length = 0; length <= 600; ++length) {
         const std::vector<uint8_t> source = random_bytes(length);

@@ -23,7 +23,7 @@ namespace rova {
 /**
  * An error code, a text for people, and the place that threw it.
  *
- * Not hidden: libraries that throw and catch it mean one type, which they know by its name.
+ * Exported, so that libraries that throw and catch it agree on one type.
  *
  * @ingroup exception
  */
@@ -69,7 +69,7 @@ private:
 
 }  // namespace rova
 
-/** The place it stands in, for an exception or for the report of one. */
+/** The place in the source where this is written, for an exception or for the report of one. */
 #define ROVA_HERE \
     (::rova::exception::source_loc{__FILE__, __func__, static_cast<uint32_t>(__LINE__)})
 

@@ -1,11 +1,11 @@
 /*
- * The smallest platform that the memory regions run on: the services of the runtime, and a device
- * layer whose devices reach the memory of this process and share it within the process.
+ * A very small platform for the memory regions: the services of the runtime, and a device layer
+ * whose devices access the memory of this process and share it within the process.
  *
- * Take it as a start for your own. What has to stay are the functions of platform/include and what
- * their comments promise; how a device keeps its registrations is yours to decide. The program
- * shows a region that is registered with one device and read through another, and then lets the
- * conformance check look at the device layer.
+ * Start your own platform from it. Keep the functions of platform/include, and do what their
+ * comments promise; you decide how a device keeps its registrations. The program shows a region
+ * that is registered with one device and read through another, and then runs the conformance checks
+ * on the device layer.
  */
 #include <sys/random.h>
 #include <unistd.h>
@@ -39,8 +39,8 @@
 
 namespace {
 
-// The component registers its log source while it is loaded, before anything here that has a
-// constructor is alive: these need none.
+// The component registers its log source while it is loaded, before the constructors of this
+// program run. So these variables need none.
 constexpr int source_of_headers = 1;
 constexpr size_t max_sources = 16;
 std::array<std::array<char, 64>, max_sources> source_names = {{{"-"}, {"HEADERS"}}};
@@ -159,7 +159,7 @@ rova_error_t priv_rova_exception_to_rova_error_imp(const char* file, int line, c
     } catch (const std::exception& e) {
         log(e.what());
     } catch (...) {
-        log("something was thrown that is no exception");
+        log("something was thrown that is not a std::exception");
     }
     return code;
 }
@@ -186,10 +186,10 @@ namespace {
 
 enum access : uint32_t { access_read = 1, access_write = 2 };
 
-/** What travels in an export: random, so that nobody has one who was not given it. */
+/** The block of an export: random, so that nobody can guess it. */
 using export_key = std::array<uint8_t, 16>;
 
-/** Registered memory. It ends with the registration that made it; imports only look at it. */
+/** Registered memory. It belongs to the registration that made it; imports only refer to it. */
 struct region {
     region(void* at, size_t bytes, uint32_t flags)
         : address(static_cast<uint8_t*>(at)), size(bytes), access_flags(flags)
@@ -204,7 +204,8 @@ struct region {
     export_key key = {};
 };
 
-// One lock for all devices, over all that follows and every region's end: simple, and not fast.
+// One lock for all devices protects the variables below and the end of every region: simple, not
+// fast.
 std::mutex device_layer_lock;
 std::map<export_key, std::weak_ptr<region>> exports;
 
@@ -242,7 +243,7 @@ public:
             refuse(ROVA_ERROR_INVALID_VALUE, "unknown access flags", ROVA_HERE);
         }
         if (page_size == 0 || (page_size & (page_size - 1)) != 0) {
-            refuse(ROVA_ERROR_INVALID_VALUE, "the page size is no power of two", ROVA_HERE);
+            refuse(ROVA_ERROR_INVALID_VALUE, "the page size is not a power of two", ROVA_HERE);
         }
         const std::lock_guard<std::mutex> lock(device_layer_lock);
         auto own = std::make_shared<region>(address, size, access_flags);
@@ -291,7 +292,7 @@ public:
         const std::lock_guard<std::mutex> lock(device_layer_lock);
         const auto found = exports.find(key);
         if (found == exports.end()) {
-            refuse(ROVA_ERROR_NOT_FOUND, "no registration was exported so", ROVA_HERE);
+            refuse(ROVA_ERROR_NOT_FOUND, "no live registration has this block", ROVA_HERE);
         }
         return add({nullptr, found->second});
     }
@@ -322,7 +323,7 @@ public:
         return ROVA_SUCCESS;
     }
 
-    /** Ends what was released; everything else has to be gone. */
+    /** Ends the released registrations; there may be no others. */
     rova_error_t close()
     {
         const std::lock_guard<std::mutex> lock(device_layer_lock);
@@ -349,7 +350,7 @@ private:
 
     std::pair<tlox_umem*, uint32_t> add(tlox_umem umem)
     {
-        // Ids count up, round the end, past 0 and past those that are still in use.
+        // Ids count up, wrap around at the end, and skip 0 and those that are still in use.
         do {
             ++m_last_id;
         } while (m_last_id == 0 || m_umems.count(m_last_id) != 0);
@@ -424,7 +425,7 @@ rova_error_t write_device(rova_dev* dev, uint32_t id, uint64_t offset, const voi
 
 /* ---- The program ---------------------------------------------------------------------------- */
 
-// The log says what went wrong; here it is enough to stop.
+// The log already says what went wrong, so the program only stops.
 void must(rova_error_t code)
 {
     if (code != ROVA_SUCCESS) {
@@ -463,12 +464,14 @@ void share_memory()
 /** Returns how many checks of the device layer failed. */
 size_t check_device_layer()
 {
-    // Refusing is much of what is checked, and every refusal would be logged.
+    // Many checks provoke refusals, and every refusal would be logged.
     log_threshold = ROVA_LOG_LEVEL_DISABLE;
     rova::conformance::device_layer layer;
     layer.open = open_device;
     layer.close = close_device;
     layer.access_flags = access_read | access_write;
+    layer.read_only_flags = access_read;
+    layer.write_only_flags = access_write;
     layer.read = read_device;
     layer.write = write_device;
     return rova::conformance::report(rova::conformance::run(layer), std::cout);

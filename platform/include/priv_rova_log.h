@@ -19,12 +19,12 @@ extern "C" {
 /**
  * Writes one log record. The text may be of any length.
  *
- * Callable from any thread and before `main`. The caller goes on whatever comes back: logging must
- * never change the outcome of an operation, so an implementation neither throws nor aborts.
+ * Callable from any thread and before `main`. Callers ignore the result: logging must never change
+ * the outcome of an operation, so an implementation neither throws nor aborts.
  *
  * @param level     one of rova_log_level.
  * @param source    a number from rova_log_register_source or priv_rova_log_get_header_source;
- *                  0 stands for a source that is not registered yet.
+ *                  0 means a source that is not registered yet.
  * @param file      the call site's file, as the compiler names it.
  * @param line      the call site's line.
  * @param function  the function around the call site.
@@ -36,7 +36,7 @@ ROVA_API rova_error_t priv_rova_log_developer(uint32_t level, int source, const 
                                               ...) __attribute__((format(printf, 6, 7)));
 
 /**
- * The log source of code that lives in headers shared between components.
+ * The log source for code in headers that components share.
  *
  * @return its number; never 0.
  */

@@ -15,7 +15,7 @@
 
 /**
  * An open device. Owned by the device layer, which opens and closes it; it outlives every region
- * that is registered with it. A non-null adapter is there from open to close.
+ * that is registered with it. The adapter is non-null from open to close.
  */
 struct rova_dev {
     /** What the device can be asked to do. */

@@ -11,7 +11,9 @@
 
 #include "rova_types.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef ROVA_FAIL_BEFORE_SANITIZER
+#include <sanitizer/lsan_interface.h>
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define ROVA_ALLOCATOR_IS_TAKEN
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
@@ -24,7 +26,7 @@ namespace {
 thread_local support::allocation_trap* armed = nullptr;
 thread_local ptrdiff_t live = 0;
 
-/** Whether json-c is among those who wait for the allocation. */
+/** Whether json-c is among the callers of this allocation. */
 bool json_c_is_waiting()
 {
     support::allocation_trap* const trap = std::exchange(armed, nullptr);
@@ -48,7 +50,8 @@ ptrdiff_t live_allocations()
 
 void allocation_trap::arm()
 {
-    json_c_is_waiting();  // allocates when it is called for the first time
+    // Allocates when it is called for the first time.
+    [[maybe_unused]] static const bool called = json_c_is_waiting();
     armed = this;
 }
 
@@ -63,7 +66,9 @@ bool allocation_trap::strikes()
         --m_left;
         return false;
     }
-    if (m_left == 0 || (m_struck && m_mode == failing::once)) {
+    if (m_left == 0 || (m_struck && m_mode == failing::once) ||
+        (m_mode == failing::from_then_on_in_json_c && !json_c_is_waiting()))
+    {
         return false;
     }
     if (!m_struck) {
@@ -74,6 +79,22 @@ bool allocation_trap::strikes()
 }
 
 }  // namespace support
+
+#ifdef ROVA_FAIL_BEFORE_SANITIZER
+support::expected_leaks::expected_leaks()
+{
+    __lsan_disable();
+}
+support::expected_leaks::~expected_leaks()
+{
+    __lsan_enable();
+}
+#define ALLOCATOR(name) __interceptor_##name
+#else
+support::expected_leaks::expected_leaks() = default;
+support::expected_leaks::~expected_leaks() = default;
+#define ALLOCATOR(name) __libc_##name
+#endif
 
 #ifdef ROVA_ALLOCATOR_IS_TAKEN
 
@@ -102,20 +123,20 @@ void* counted(void* allocated)
 
 extern "C" {
 
-// The allocator of the C library, under the names that it keeps for those who replace it.
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* old, size_t size);
-void __libc_free(void* old);
+// The C library's or the sanitizer's allocator, under the names that remain when it is replaced.
+void* ALLOCATOR(malloc)(size_t size);
+void* ALLOCATOR(calloc)(size_t count, size_t size);
+void* ALLOCATOR(realloc)(void* old, size_t size);
+void ALLOCATOR(free)(void* old);
 
 ROVA_API void* malloc(size_t size) noexcept
 {
-    return fails() ? nullptr : counted(__libc_malloc(size));
+    return fails() ? nullptr : counted(ALLOCATOR(malloc)(size));
 }
 
 ROVA_API void* calloc(size_t count, size_t size) noexcept
 {
-    return fails() ? nullptr : counted(__libc_calloc(count, size));
+    return fails() ? nullptr : counted(ALLOCATOR(calloc)(count, size));
 }
 
 ROVA_API void* realloc(void* old, size_t size) noexcept
@@ -123,7 +144,7 @@ ROVA_API void* realloc(void* old, size_t size) noexcept
     if (fails()) {
         return nullptr;
     }
-    void* const result = __libc_realloc(old, size);
+    void* const result = ALLOCATOR(realloc)(old, size);
     live += (result != nullptr ? 1 : 0) - (old != nullptr && (result != nullptr || size == 0));
     return result;
 }
@@ -131,8 +152,18 @@ ROVA_API void* realloc(void* old, size_t size) noexcept
 ROVA_API void free(void* old) noexcept
 {
     live -= old != nullptr ? 1 : 0;
-    __libc_free(old);
+    ALLOCATOR(free)(old);
 }
+
+#ifdef ROVA_FAIL_BEFORE_SANITIZER
+// The sanitizer's version does not use the functions above.
+ROVA_API char* strdup(const char* text) noexcept
+{
+    const size_t size = std::strlen(text) + 1;
+    void* const copy = malloc(size);
+    return copy != nullptr ? static_cast<char*>(std::memcpy(copy, text, size)) : nullptr;
+}
+#endif
 
 }  // extern "C"
 

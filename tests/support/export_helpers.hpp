@@ -1,5 +1,5 @@
 /*
- * What the tests of the export framework have in common.
+ * Helpers for the tests of the export framework.
  */
 #pragma once
 
@@ -81,7 +81,7 @@ inline std::string print(const core::export_field& object)
     return text;
 }
 
-/** The JSON text of anything that a proto stands for. */
+/** The JSON text of any proto. */
 inline std::string text_of(core::export_proto&& proto)
 {
     const field_ptr root = make_object();
@@ -90,7 +90,7 @@ inline std::string text_of(core::export_proto&& proto)
     return text.substr(4, text.size() - 5);
 }
 
-/** What a serializer makes of bytes that are followed by nothing that may be read. */
+/** What a serializer parses from bytes that end where readable memory ends. */
 inline field_ptr parse(core::json_c_serializer& serializer, const std::string& bytes)
 {
     const std::vector<uint8_t> exact(bytes.begin(), bytes.end());

@@ -1,5 +1,5 @@
 /*
- * A device that does as it is told: it keeps account of what it is asked for, and fails on demand.
+ * A device that records its calls, and fails on demand.
  */
 #pragma once
 
@@ -35,7 +35,7 @@ inline const std::vector<failure> every_failure = {
     failing_with(ROVA_ERROR_DRIVER),
     {"with a standard exception", ROVA_ERROR_UNEXPECTED,
      [] { throw std::runtime_error("scripted"); }},
-    {"with what is no exception", ROVA_ERROR_UNEXPECTED, [] { throw 42; }},
+    {"with a thrown number", ROVA_ERROR_UNEXPECTED, [] { throw 42; }},
     {"without memory", ROVA_ERROR_NO_MEMORY, [] { throw std::bad_alloc(); }},
 };
 
@@ -86,12 +86,12 @@ public:
 
     size_t live() const { return m_live.size(); }
 
-    std::vector<uint8_t> m_block = {1, 0, 0, 0, 0x2A, 0x10, 0, 0x80};  // what export gives
-    std::vector<uint8_t> m_imported;                                   // what import got last
+    std::vector<uint8_t> m_block = {1, 0, 0, 0, 0x2A, 0x10, 0, 0x80};  // the exported block
+    std::vector<uint8_t> m_imported;                                   // the block imported last
     rova_error_t m_raised = ROVA_ERROR_UNKNOWN;                        // the last failure
 
 private:
-    // Writes the call down, and fails it if that is its part.
+    // Records the call, and fails it if it is the one to fail.
     template <class... arguments>
     void note(const char* operation, const arguments&... values)
     {
@@ -140,7 +140,7 @@ public:
 
     scripted_tlox* operator->() const { return m_tlox.get(); }
 
-    /** How many hold the object adapter beside the device itself. */
+    /** How many references to the adapter exist beside the device's own. */
     long borrowers() const { return m_tlox.use_count() - 1; }
 
 private:

@@ -1,5 +1,5 @@
 /*
- * A GPU layer and an accelerator layer that do as they are told.
+ * A scripted GPU layer and a scripted accelerator layer.
  *
  * The two look-up functions are defined here, in the program, and so take
  * precedence over the platform's. For one source file of a program.
@@ -12,8 +12,8 @@
 namespace support {
 
 /**
- * The layers' answers; it is the GPU and the accelerator context, too. A
- * failing answer comes with a value all the same, which nobody is to use.
+ * The layers' answers; it is the GPU and the accelerator context, too. A failing answer comes with
+ * a value all the same, which must not be used.
  */
 struct scripted_layers {
     rova_gpu* gpu() { return reinterpret_cast<rova_gpu*>(this); }

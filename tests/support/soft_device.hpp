@@ -1,5 +1,5 @@
 /*
- * A software device for one test, and what it says when it refuses.
+ * A device for one test, mostly a software device, and the texts of its refusals.
  */
 #pragma once
 
@@ -20,9 +20,9 @@ namespace support {
 using registration = std::pair<tlox_umem*, uint32_t>;
 using read_result = std::pair<rova_error_t, std::string>;
 
-inline constexpr uint32_t read_write = ROVA_SOFT_ACCESS_READ | ROVA_SOFT_ACCESS_WRITE;
+inline constexpr uint32_t read_write = ROVA_PLATFORM_ACCESS_READ | ROVA_PLATFORM_ACCESS_WRITE;
 
-/** What a call throws: the name of the code and the text; nothing when it throws nothing. */
+/** The exception of a call: the name of its code and its text; empty if nothing is thrown. */
 template <class call>
 std::string refusal(const call& attempt)
 {
@@ -34,18 +34,18 @@ std::string refusal(const call& attempt)
     }
 }
 
-/** Expects a pattern, as of file names, somewhere in a text. */
+/** Expects a text to contain a pattern, with wildcards as in file names. */
 inline void expect_match(const std::string& text, const std::string& pattern)
 {
     EXPECT_EQ(::fnmatch(("*" + pattern + "*").c_str(), text.c_str(), 0), 0) << pattern << "\n"
                                                                             << text;
 }
 
-struct soft_device {
-    soft_device() { EXPECT_EQ(rova_soft_dev_open(&m_dev), ROVA_SUCCESS); }
-    ~soft_device() { EXPECT_EQ(rova_soft_dev_close(m_dev), ROVA_SUCCESS); }
-    soft_device(const soft_device&) = delete;
-    soft_device& operator=(const soft_device&) = delete;
+struct open_device {
+    open_device() = default;
+    ~open_device() { EXPECT_EQ(rova_platform_dev_close(m_dev), ROVA_SUCCESS); }
+    open_device(const open_device&) = delete;
+    open_device& operator=(const open_device&) = delete;
 
     device_abstraction::itlox_adapter* operator->() const
     {
@@ -57,20 +57,24 @@ struct soft_device {
         return (*this)->register_umem(memory.data(), memory.size(), access_flags, 1);
     }
 
-    /** Reads into a text that was full of 'x'. */
+    /** Reads into a text that is filled with 'x'. */
     read_result read(uint32_t id, uint64_t offset, size_t size) const
     {
         std::string data(size, 'x');
-        const rova_error_t code = rova_soft_dev_read(m_dev, id, offset, data.data(), size);
+        const rova_error_t code = rova_platform_dev_read(m_dev, id, offset, data.data(), size);
         return {code, data};
     }
 
     rova_error_t write(uint32_t id, uint64_t offset, const std::string& data) const
     {
-        return rova_soft_dev_write(m_dev, id, offset, data.data(), data.size());
+        return rova_platform_dev_write(m_dev, id, offset, data.data(), data.size());
     }
 
     rova_dev* m_dev = nullptr;
+};
+
+struct soft_device : open_device {
+    soft_device() { EXPECT_EQ(rova_soft_dev_open(&m_dev), ROVA_SUCCESS); }
 };
 
 }  // namespace support

@@ -6,45 +6,43 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tool {
 
-struct demo_options {
-    std::string file;
-};
-
-struct share_options {
-    std::string file;
-    std::string descriptor;
-    std::string kind = "host";
-    bool writable = false;
-    std::optional<uint64_t> seconds;
-};
-
-struct read_options {
-    std::string descriptor;
-    uint64_t offset = 0;
-    std::optional<uint64_t> length;
+/** What the command line says; each command looks at what its row of the command table offers. */
+struct options {
+    std::vector<std::string> operands;
     std::optional<std::string> out;
-};
-
-struct write_options {
-    std::string descriptor;
-    uint64_t offset = 0;
-};
-
-struct inspect_options {
-    std::string descriptor;
+    std::optional<std::string> from;
+    std::string kind = "host";
+    std::optional<std::string> device;
+    std::optional<std::string> provider;
+    std::vector<std::string> allowed_networks;
+    std::vector<std::string> command;
+    std::optional<uint64_t> offset;
+    std::optional<uint64_t> length;
+    std::optional<uint64_t> max_descriptor;
+    std::optional<uint64_t> seconds;
+    std::optional<uint64_t> time_limit;
+    bool writable = false;
+    bool hex = false;
     bool json = false;
+    bool live = false;
+    bool brief = false;
+    bool verbose = false;
+    bool quiet = false;
 };
 
-int run_demo(const demo_options& options);
-int run_share(const share_options& options);
-int run_read(const read_options& options);
-int run_write(const write_options& options);
-int run_inspect(const inspect_options& options);
+int run_demo(const options& given);
+int run_share(const options& given);
+int run_read(const options& given);
+int run_write(const options& given);
+int run_inspect(const options& given);
+int run_info(const options& given);
+int run_completion(const options& given);
 
 /** The demo's second process: it does what the first asks for through standard input. */
-int run_demo_peer();
+int run_demo_peer(const options& given);
 
 }  // namespace tool

@@ -7,7 +7,9 @@
 #include <functional>
 
 #include "commands.hpp"
+#include "console.hpp"
 #include "demo_peer.hpp"
+#include "devices.hpp"
 #include "files.hpp"
 #include "sdk.hpp"
 
@@ -15,7 +17,7 @@ namespace tool {
 namespace {
 
 constexpr size_t largest_file_bytes = 64 * 1024 * 1024;
-constexpr uint32_t read_and_write = ROVA_SOFT_ACCESS_READ | ROVA_SOFT_ACCESS_WRITE;
+constexpr uint32_t read_and_write = ROVA_PLATFORM_ACCESS_READ | ROVA_PLATFORM_ACCESS_WRITE;
 
 // The accelerator region begins a little way into the accelerator's memory, as regions do.
 constexpr uint64_t accelerator_base = 0x10000000;
@@ -29,8 +31,8 @@ struct demo_region {
     std::function<byte_vector()> seen_by_program;
 };
 
-/** Says of each thing whether it is as it should be, and remembers whether everything was. */
-class verdict {
+/** Reports whether each result is the expected one, and remembers whether all were. */
+class finding {
 public:
     std::string of(bool right, const std::string& yes = "yes")
     {
@@ -45,13 +47,14 @@ private:
 
 class demo {
 public:
-    explicit demo(const std::string& path)
-        : m_path(path),
-          m_bytes(read_whole(path, largest_file_bytes)),
+    explicit demo(const options& given)
+        : m_given(given),
+          m_path(given.operands.front()),
+          m_bytes(read_whole(m_path, largest_file_bytes)),
           m_device(make<device_ptr>("a device", rova_soft_dev_open))
     {
         if (m_bytes.empty()) {
-            throw failure(in_quotes(path) + " is empty; choose a file with bytes in it");
+            throw failure(in_quotes(m_path) + " is empty; choose a file with bytes in it");
         }
     }
 
@@ -64,17 +67,20 @@ public:
         show_regions();
         show_access();
         show_refusals();
-        show_hand_over();
+        hand_over_to_process();
+        if (m_given.device == "fabric") {
+            hand_over_to_host();
+        }
         end_all();
-        print(m_verdict.all_right() ? "Everything was as it should be.\n"
-                                    : "Something was not as it should be; see above.\n");
-        return m_verdict.all_right() ? 0 : 1;
+        print(m_finding.all_right() ? "Every result was as expected.\n"
+                                    : "A result was not as expected; see above.\n");
+        return m_finding.all_right() ? 0 : 1;
     }
 
 private:
     size_t size() const { return m_bytes.size(); }
 
-    /** Adds a region over memory that the program can look at by its address. */
+    /** Adds a region over memory that the program can read by its address. */
     void add(const std::string& name, region_ptr region, const uint8_t* memory)
     {
         const auto look = [memory, length = size()] {
@@ -171,7 +177,8 @@ private:
     {
         const region_facts facts(entry.region.get());
         byte_vector bytes(size());
-        check(rova_soft_dev_read(m_device.get(), facts.id, facts.base_offset, bytes.data(), size()),
+        check(rova_platform_dev_read(m_device.get(), facts.id, facts.base_offset, bytes.data(),
+                                     size()),
               "read " + entry.name + " through the device");
         return bytes;
     }
@@ -179,8 +186,8 @@ private:
     void write_by_device(const demo_region& entry, const byte_vector& bytes)
     {
         const region_facts facts(entry.region.get());
-        check(rova_soft_dev_write(m_device.get(), facts.id, facts.base_offset, bytes.data(),
-                                  bytes.size()),
+        check(rova_platform_dev_write(m_device.get(), facts.id, facts.base_offset, bytes.data(),
+                                      bytes.size()),
               "write " + entry.name + " through the device");
     }
 
@@ -197,7 +204,7 @@ private:
             write_by_device(entry, turned);
             const bool seen = entry.seen_by_program() == turned;
             write_by_device(entry, m_bytes);
-            rows.add({entry.name, m_verdict.of(read_same), m_verdict.of(seen)});
+            rows.add({entry.name, m_finding.of(read_same), m_finding.of(seen)});
         }
         print("Access: the device reads every byte of each region, then writes every byte.\n" +
               rows.text() + "\n");
@@ -207,7 +214,7 @@ private:
     void show_refusal(const std::string& what, rova_error_t code, rova_error_t expected)
     {
         std::string text = "  " + what + "\n    " +
-                           m_verdict.of(code == expected, rova_error_get_name(code)) + "\n";
+                           m_finding.of(code == expected, rova_error_get_name(code)) + "\n";
         for (const log_line& line : take_log()) {
             text += "    " + line.level + " " + line.source + " " + line.function + ": " +
                     short_text(line, code) + "\n";
@@ -228,14 +235,14 @@ private:
         region_ptr unwanted(none);
         show_refusal("registering memory that is not there:", unmapped, ROVA_ERROR_INVALID_VALUE);
 
-        region_ptr read_only = make_host_region(m_host.data(), ROVA_SOFT_ACCESS_READ);
+        region_ptr read_only = make_host_region(m_host.data(), ROVA_PLATFORM_ACCESS_READ);
         const region_facts facts(read_only.get());
         show_refusal("writing through the device to a region that grants reading only:",
-                     rova_soft_dev_write(m_device.get(), facts.id, 0, m_bytes.data(), size()),
+                     rova_platform_dev_write(m_device.get(), facts.id, 0, m_bytes.data(), size()),
                      ROVA_ERROR_NOT_PERMITTED);
-        end(read_only, "the read-only region");
+        reclaim(read_only, "the read-only region");
 
-        const rova_error_t in_use = rova_soft_dev_close(m_device.get());
+        const rova_error_t in_use = rova_platform_dev_close(m_device.get());
         if (in_use == ROVA_SUCCESS) {
             static_cast<void>(m_device.release());  // closed already
             throw failure("the device was closed although regions are registered with it");
@@ -245,18 +252,34 @@ private:
         print("\n");
     }
 
-    void show_hand_over()
+    void hand_over_to_process() { show_hand_over(m_regions.front().region, "soft"); }
+
+    /** The same over the network, between two addresses of this machine. */
+    void hand_over_to_host()
     {
-        const demo_region& host = m_regions.front();
-        const byte_vector descriptor = export_region(host.region.get());
-        demo_peer peer;
-        // Where the system lets in parents only, the other process has to be let in by its id.
+        device_ptr device = open_device({ROVA_PLATFORM_BLOCK_FABRIC, "127.0.0.1"}, m_given);
+        m_host = m_bytes;
+        auto region =
+            make<region_ptr>("a region of host memory", priv_rova_umem_create, device.get(),
+                             static_cast<void*>(m_host.data()), size(), read_and_write);
+        print("A fabric device on 127.0.0.1 registers the host memory, too.\n");
+        show_hand_over(region, "fabric:127.0.0.2");
+        reclaim(device, "the fabric device");
+    }
+
+    /** Lets a second process with a device of its own use a region of host memory. */
+    void show_hand_over(region_ptr& region, const std::string& peer_device)
+    {
+        const byte_vector descriptor = export_region(region.get());
+        demo_peer peer(peer_device);
+        // Where the kernel lets in parents only, this lets in the other process by its id.
         static_cast<void>(prctl(PR_SET_PTRACER, peer.pid(), 0, 0, 0));
-        print("Hand-over: process " + std::to_string(peer.pid()) + " gets a descriptor of " +
-              count(descriptor.size(), "byte") + " of the host memory, and nothing else.\n");
+        print("Hand-over: process " + std::to_string(peer.pid()) + ", with the device " +
+              peer_device + ", gets a descriptor of " + count(descriptor.size(), "byte") +
+              " of the host memory, and nothing else.\n");
         table rows({false, false});
         const auto add = [&](const char* what, bool right, const std::string& yes) {
-            rows.add({what, m_verdict.of(right, yes)});
+            rows.add({what, m_finding.of(right, yes)});
         };
         const auto name = [](uint32_t code) {
             return std::string(rova_error_get_name(static_cast<rova_error_t>(code)));
@@ -264,16 +287,16 @@ private:
 
         const message imported = peer.ask(request::import, descriptor);
         rows.add({"it imports the region",
-                  m_verdict.of(imported.head == ROVA_SUCCESS) + ", " + name(imported.head)});
+                  m_finding.of(imported.head == ROVA_SUCCESS) + ", " + name(imported.head)});
         message read = peer.ask(request::read);
         add("it reads the file's bytes there", read.head == ROVA_SUCCESS && read.bytes == m_bytes,
             "yes");
         byte_vector turned(m_bytes.rbegin(), m_bytes.rend());
-        turned.front() ^= 0xFF;  // so that it differs from the file, whatever the file is
+        turned.front() ^= 0xFF;  // differs from every file, also from one that is a palindrome
         const message written = peer.ask(request::write, turned);
-        add("it writes, and this process sees what",
+        add("it writes, and this process sees the bytes",
             written.head == ROVA_SUCCESS && m_host == turned, "yes");
-        end(m_regions.front().region, "the region of host memory");
+        reclaim(region, "the region of host memory");
         read = peer.ask(request::read);
         add("this process deregisters; it reads again", read.head == ROVA_ERROR_NOT_FOUND,
             "refused, " + name(read.head));
@@ -286,21 +309,22 @@ private:
     {
         m_regions.erase(m_regions.begin());  // its region has ended in the hand-over
         for (demo_region& entry : m_regions) {
-            end(entry.region, entry.name);
+            reclaim(entry.region, entry.name);
         }
         m_regions.clear();
-        m_gpu_memory.end();
-        m_plain_gpu_memory.end();
-        end(m_gpu, "the GPU");
-        end(m_accelerator, "the accelerator");
-        end(m_device, "the device");
+        m_gpu_memory.free();
+        m_plain_gpu_memory.free();
+        reclaim(m_gpu, "the GPU");
+        reclaim(m_accelerator, "the accelerator");
+        reclaim(m_device, "the device");
         print("All regions are destroyed; the GPU, the accelerator and the device are closed.\n");
     }
 
     // What a region needs comes before it: members end in the reverse order.
+    const options& m_given;
     std::string m_path;
     byte_vector m_bytes;
-    verdict m_verdict;
+    finding m_finding;
     device_ptr m_device;
     gpu_ptr m_gpu;
     accelerator_ptr m_accelerator;
@@ -313,9 +337,9 @@ private:
 
 }  // namespace
 
-int run_demo(const demo_options& options)
+int run_demo(const options& given)
 {
-    return demo(options.file).run();
+    return demo(given).run();
 }
 
 }  // namespace tool

@@ -1,16 +1,12 @@
 #include "demo_peer.hpp"
 
 #include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
-#include <system_error>
 
 #include "commands.hpp"
-#include "descriptor.hpp"
+#include "devices.hpp"
 #include "sdk.hpp"
 
 namespace tool {
@@ -29,31 +25,6 @@ pipe_ends make_pipe()
     }
     return {unique_fd(ends[0]), unique_fd(ends[1])};
 }
-
-void check_start(int error)
-{
-    if (error != 0) {
-        throw failure("cannot start a second process: " + std::generic_category().message(error));
-    }
-}
-
-/** What a new process does with its files before it runs its program. */
-class spawn_actions {
-public:
-    spawn_actions() { check_start(posix_spawn_file_actions_init(&m_actions)); }
-    spawn_actions(const spawn_actions&) = delete;
-    spawn_actions& operator=(const spawn_actions&) = delete;
-    ~spawn_actions() { posix_spawn_file_actions_destroy(&m_actions); }
-
-    void connect(const unique_fd& from, int to)
-    {
-        check_start(posix_spawn_file_actions_adddup2(&m_actions, from.get(), to));
-    }
-    const posix_spawn_file_actions_t* get() const { return &m_actions; }
-
-private:
-    posix_spawn_file_actions_t m_actions{};
-};
 
 struct message_head {
     uint32_t head;
@@ -83,6 +54,8 @@ bool receive(int fd, message& received)
 /** The second process: a device of its own, and the region that it is asked to import. */
 class peer_work {
 public:
+    explicit peer_work(const options& given) : m_given(given) {}
+
     message answer(const message& asked)
     {
         message answer;
@@ -93,24 +66,26 @@ public:
             case request::read:
                 answer.bytes.resize(m_size);
                 answer.head =
-                    rova_soft_dev_read(m_device.get(), m_id, 0, answer.bytes.data(), m_size);
+                    rova_platform_dev_read(m_device.get(), m_id, 0, answer.bytes.data(), m_size);
                 return answer;
             case request::write:
-                answer.head = rova_soft_dev_write(m_device.get(), m_id, 0, asked.bytes.data(),
-                                                  asked.bytes.size());
+                answer.head = rova_platform_dev_write(m_device.get(), m_id, 0, asked.bytes.data(),
+                                                      asked.bytes.size());
                 return answer;
             case request::deregister:
-                end(m_region, "the imported region");
-                end(m_device, "the device");
+                if (m_region != nullptr) {  // else it could not be imported
+                    reclaim(m_region, "the imported region");
+                }
+                reclaim(m_device, "the device");
                 return answer;
         }
-        throw failure("the demo asked for something unknown");
+        throw failure("the demo sent an unknown request");
     }
 
 private:
     rova_error_t import(const byte_vector& descriptor)
     {
-        m_device = make<device_ptr>("a device", rova_soft_dev_open);
+        m_device = open_device(named_device(m_given).value(), m_given);
         priv_rova_umem* region = nullptr;
         const rova_error_t code = priv_rova_umem_create_from_export(
             m_device.get(), descriptor.data(), descriptor.size(), this, &region);
@@ -123,6 +98,7 @@ private:
         return code;
     }
 
+    const options& m_given;
     device_ptr m_device;
     region_ptr m_region;
     uint32_t m_id = 0;
@@ -131,27 +107,17 @@ private:
 
 }  // namespace
 
-demo_peer::demo_peer()
+demo_peer::demo_peer(const std::string& device)
 {
     pipe_ends requests = make_pipe();
     pipe_ends answers = make_pipe();
-    spawn_actions actions;
-    actions.connect(requests.read_end, STDIN_FILENO);
-    actions.connect(answers.write_end, STDOUT_FILENO);
-    std::string program = "rova_umem";
-    std::string command = "demo-peer";
-    const std::array<char*, 3> arguments{program.data(), command.data(), nullptr};
-    check_start(
-        posix_spawn(&m_pid, "/proc/self/exe", actions.get(), nullptr, arguments.data(), environ));
+    child_setup setup;
+    setup.files = {{&requests.read_end, STDIN_FILENO}, {&answers.write_end, STDOUT_FILENO}};
+    m_process = std::make_unique<child_process>(
+        "/proc/self/exe", std::vector<std::string>{"rova_umem", "demo-peer", "--device", device},
+        setup);
     m_requests = std::move(requests.write_end);
     m_answers = std::move(answers.read_end);
-}
-
-demo_peer::~demo_peer()
-{
-    if (m_pid > 0) {
-        static_cast<void>(wait_for_end());
-    }
 }
 
 message demo_peer::ask(request what, const byte_vector& bytes)
@@ -164,26 +130,17 @@ message demo_peer::ask(request what, const byte_vector& bytes)
     return answer;
 }
 
-int demo_peer::wait_for_end() noexcept
-{
-    m_requests.reset();  // no more requests: that is what it ends on
-    int status = -1;
-    while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    m_pid = -1;
-    return status;
-}
-
 void demo_peer::end()
 {
-    if (wait_for_end() != 0) {
+    m_requests.reset();  // the second process ends when there are no more requests
+    if (m_process->wait_status() != 0) {
         throw failure("the second process has failed");
     }
 }
 
-int run_demo_peer()
+int run_demo_peer(const options& given)
 {
-    peer_work work;
+    peer_work work(given);
     message asked;
     while (receive(STDIN_FILENO, asked)) {
         send(STDOUT_FILENO, work.answer(asked));

@@ -3,10 +3,11 @@
  */
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
+#include <memory>
+#include <string>
 
+#include "child_process.hpp"
 #include "files.hpp"
 #include "text.hpp"
 
@@ -16,7 +17,7 @@ namespace tool {
 enum class request : uint32_t {
     import,     ///< the bytes are a descriptor
     read,       ///< the bytes are ignored; the answer holds the region's
-    write,      ///< the bytes go to the begin of the region
+    write,      ///< the bytes go to the beginning of the region
     deregister  ///< the bytes are ignored
 };
 
@@ -26,26 +27,22 @@ struct message {
     byte_vector bytes;
 };
 
-/** A child process that runs this very program; ended with its last request answered. */
+/** A child process that runs this very program. It ends when there are no more requests. */
 class demo_peer {
 public:
-    demo_peer();
-    demo_peer(const demo_peer&) = delete;
-    demo_peer& operator=(const demo_peer&) = delete;
-    ~demo_peer();
+    /** `device` is the one that it opens, as --device names it. */
+    explicit demo_peer(const std::string& device);
 
-    pid_t pid() const { return m_pid; }
+    pid_t pid() const { return m_process->pid(); }
 
     /** Asks, and waits for the answer, whose head is a rova_error_t. */
     message ask(request what, const byte_vector& bytes = {});
 
-    /** Lets it end; a failure when it does not end well. */
+    /** Waits for its end; a failure if its exit code is not 0. */
     void end();
 
 private:
-    int wait_for_end() noexcept;
-
-    pid_t m_pid = -1;
+    std::unique_ptr<child_process> m_process;  ///< waited for after its requests have ended
     unique_fd m_requests;
     unique_fd m_answers;
 };

@@ -1,54 +1,53 @@
 #include "files.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <system_error>
 
 namespace tool {
 namespace {
 
-[[noreturn]] void fail(const std::string& what, const std::string& name,
-                       const std::string& advice = "")
+constexpr size_t piece_bytes = 1024 * 1024;
+constexpr const char* path_advice = "; check the path and the permissions";
+
+exit_code code_of(int error)
 {
-    const std::string reason = os_error();
-    throw failure("cannot " + what + " " + name + ": " + reason + advice);
+    return error == EACCES || error == EPERM ? exit_code::not_permitted : exit_code::failed;
 }
 
-[[noreturn]] void fail_to_create(const std::string& path)
+/**
+ * Called after a read or write has failed. Whether it can be repeated: at once after a signal, and
+ * on a stream that does not wait by itself, when it is ready, for which this waits.
+ */
+bool can_go_on(int fd, short event)
 {
-    fail("create", in_quotes(path), "; check the path and the permissions");
-}
-
-/** Where a file is, or would be created, that is opened under this name. */
-std::string without_links(const std::string& path)
-{
-    constexpr int most_links = 40;  // as many as the kernel follows
-    std::filesystem::path place = path;
-    for (int i = 0; i < most_links; ++i) {
-        std::error_code no_link;
-        const auto target = std::filesystem::read_symlink(place, no_link);
-        if (no_link) {
-            return place;
-        }
-        place = place.parent_path() / target;
+    if (errno == EAGAIN) {
+        pollfd waiting{fd, event, 0};
+        return poll(&waiting, 1, -1) >= 0 || errno == EINTR;
     }
-    errno = ELOOP;
-    fail_to_create(path);
+    return errno == EINTR;
 }
 
-/** What a new file may be used for when nobody says otherwise. */
-mode_t usual_mode()
+void refuse_folder(bool is_folder, const std::string& name)
 {
-    // The mask can only be read by setting it; this value keeps everybody else out meanwhile.
-    const mode_t mask = umask(077);
-    umask(mask);
-    return 0666 & ~mask;
+    if (is_folder) {
+        throw failure(name + " is a folder; name a file");
+    }
+}
+
+void refuse_irregular(const struct stat& status, const std::string& path)
+{
+    refuse_folder(S_ISDIR(status.st_mode), in_quotes(path));
+    if (!S_ISREG(status.st_mode)) {
+        throw failure(in_quotes(path) + " is not a regular file; copy its bytes to one first");
+    }
 }
 
 }  // namespace
@@ -105,60 +104,72 @@ std::string os_error()
     return std::generic_category().message(errno);
 }
 
-void open_standard_streams()
+void fail(const std::string& what, const std::string& name, const std::string& advice)
 {
-    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        if (fcntl(fd, F_GETFD) < 0) {
-            const int useless_direction = fd == STDIN_FILENO ? O_WRONLY : O_RDONLY;
-            static_cast<void>(open("/dev/null", useless_direction));  // takes the lowest free one
-        }
-    }
+    const int error = errno;
+    throw failure("cannot " + what + " " + name + ": " + std::generic_category().message(error) +
+                      (error == EMFILE ? "; allow more open files with ulimit -n" : advice),
+                  code_of(error));
 }
 
 unique_fd open_file(const std::string& path, int flags)
 {
-    unique_fd fd(open(path.c_str(), flags | O_CLOEXEC));
+    unique_fd fd(open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY));
     if (fd.get() < 0) {
-        fail("open", in_quotes(path), "; check the path and the permissions");
+        fail("open", in_quotes(path), path_advice);
     }
     return fd;
 }
 
-size_t regular_file_size(int fd, const std::string& path)
+unique_fd open_regular_file(const std::string& path, int flags)
+{
+    // Opening a device can have an effect, so it is looked at before. It is looked at again
+    // afterwards, since another file may have taken its name meanwhile.
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        fail("open", in_quotes(path), path_advice);
+    }
+    refuse_irregular(status, path);
+    unique_fd fd = open_file(path, flags | O_NONBLOCK);
+    refuse_irregular(status_of(fd.get(), path), path);
+    return fd;
+}
+
+struct stat status_of(int fd, const std::string& path)
 {
     struct stat status {};
     if (fstat(fd, &status) != 0) {
         fail("look at", in_quotes(path));
     }
-    if (!S_ISREG(status.st_mode)) {
-        throw failure(in_quotes(path) + " is not a regular file; copy its bytes to one first");
-    }
-    return static_cast<size_t>(status.st_size);  // the kernel keeps sizes from being negative
+    return status;
 }
 
-size_t read_until_end(int fd, void* data, size_t size, const std::string& name)
+size_t read_until_end(int fd, void* data, size_t size, const std::string& name,
+                      const progress_function& progress)
 {
     size_t done = 0;
     while (done < size) {
-        const ssize_t got = read(fd, static_cast<uint8_t*>(data) + done, size - done);
+        const size_t piece = progress ? std::min(piece_bytes, size - done) : size - done;
+        const ssize_t got = read(fd, static_cast<uint8_t*>(data) + done, piece);
         if (got == 0) {
             break;
         }
-        if (got < 0 && errno != EINTR) {
+        if (got < 0 && !can_go_on(fd, POLLIN)) {
+            refuse_folder(errno == EISDIR, name);
             fail("read", name);
         }
         done += static_cast<size_t>(std::max<ssize_t>(got, 0));
+        if (progress) {
+            progress(done);
+        }
     }
     return done;
 }
 
-byte_vector read_whole(const std::string& path, size_t limit)
+byte_vector read_rest(int fd, const std::string& name, uint64_t limit, const std::string& advice,
+                      exit_code code)
 {
     constexpr size_t step = 64 * 1024;
-    const bool standard_input = path == "-";
-    const std::string name = standard_input ? "standard input" : in_quotes(path);
-    const unique_fd file = standard_input ? unique_fd() : open_file(path, O_RDONLY);
-    const int fd = standard_input ? STDIN_FILENO : file.get();
     byte_vector bytes;
     for (bool at_end = false; !at_end;) {
         const size_t before = bytes.size();
@@ -166,11 +177,18 @@ byte_vector read_whole(const std::string& path, size_t limit)
         bytes.resize(before + read_until_end(fd, bytes.data() + before, step, name));
         at_end = bytes.size() < before + step;
         if (bytes.size() > limit) {
-            throw failure(name + " has more than " + count(limit, "byte") +
-                          ", which is the most that this command takes");
+            throw failure(name + " has more than " + count(limit, "byte").append(advice), code);
         }
     }
     return bytes;
+}
+
+byte_vector read_whole(const std::string& path, uint64_t limit)
+{
+    if (path == "-") {
+        return read_rest(STDIN_FILENO, "standard input", limit);
+    }
+    return read_rest(open_file(path, O_RDONLY).get(), in_quotes(path), limit);
 }
 
 void write_all(int fd, const void* data, size_t size, const std::string& name)
@@ -179,61 +197,19 @@ void write_all(int fd, const void* data, size_t size, const std::string& name)
     while (done < size) {
         const ssize_t put = write(fd, static_cast<const uint8_t*>(data) + done, size - done);
         if (put < 0 && errno == EPIPE && fd == STDOUT_FILENO) {
-            throw nobody_reads();
+            throw broken_pipe();
         }
-        if (put < 0 && errno != EINTR) {
+        if (put < 0 && !can_go_on(fd, POLLOUT)) {
             fail("write to", name);
         }
         done += static_cast<size_t>(std::max<ssize_t>(put, 0));
     }
 }
 
-output_file::output_file(std::string path) : m_path(std::move(path))
+std::string random_name(const std::string& begin)
 {
-    struct stat status {};
-    const bool exists = stat(m_path.c_str(), &status) == 0;
-    if (exists && !S_ISREG(status.st_mode)) {
-        m_fd = open_file(m_path, O_WRONLY);
-        return;
-    }
-    m_path = without_links(m_path);
-    create_temporary(exists ? status.st_mode & 0777 : usual_mode());
-}
-
-void output_file::create_temporary(mode_t mode)
-{
-    std::string name = m_path + ".XXXXXX";
-    m_fd = unique_fd(mkostemp(name.data(), O_CLOEXEC));
-    if (m_fd.get() < 0) {
-        fail_to_create(m_path);
-    }
-    if (fchmod(m_fd.get(), mode) != 0) {
-        const int reason = errno;
-        static_cast<void>(unlink(name.c_str()));
-        errno = reason;
-        fail_to_create(m_path);
-    }
-    m_temporary = name;
-}
-
-output_file::~output_file()
-{
-    if (is_temporary()) {
-        static_cast<void>(unlink(m_temporary.c_str()));
-    }
-}
-
-void output_file::commit()
-{
-    if (is_temporary() && rename(m_temporary.c_str(), m_path.c_str()) != 0) {
-        fail_to_create(m_path);
-    }
-    m_temporary.clear();
-}
-
-bool same_file(const struct stat& left, const struct stat& right)
-{
-    return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
+    std::random_device random;
+    return begin + hex(uint64_t{random()} << 32 | random(), 16).substr(2);
 }
 
 bool same_regular_file(const std::string& left, const std::string& right)
@@ -241,7 +217,15 @@ bool same_regular_file(const std::string& left, const std::string& right)
     struct stat left_status {};
     struct stat right_status {};
     return stat(left.c_str(), &left_status) == 0 && stat(right.c_str(), &right_status) == 0 &&
-           S_ISREG(left_status.st_mode) && same_file(left_status, right_status);
+           S_ISREG(left_status.st_mode) &&
+           file_identity(left_status) == file_identity(right_status);
+}
+
+std::string absolute_path(const std::string& path)
+{
+    std::error_code unknown;
+    const auto absolute = std::filesystem::absolute(path, unknown);
+    return unknown ? path : absolute.string();
 }
 
 }  // namespace tool

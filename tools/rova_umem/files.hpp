@@ -7,9 +7,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <utility>
 
+#include "failure.hpp"
 #include "text.hpp"
 
 namespace tool {
@@ -61,54 +63,60 @@ private:
 /** What `errno` says, in words. */
 std::string os_error();
 
-/**
- * Keeps files of the program from taking the place of standard streams that are closed. Using such
- * a stream fails as before.
- */
-void open_standard_streams();
+/** Throws "cannot WHAT NAME: REASON", the reason being that of `errno`, and then the advice. */
+[[noreturn]] void fail(const std::string& what, const std::string& name,
+                       const std::string& advice = "");
 
+/** A file for reading or writing. A FIFO does not hold this up when `flags` has O_NONBLOCK. */
 unique_fd open_file(const std::string& path, int flags);
 
-/** Size of a regular file; a failure for anything else. */
-size_t regular_file_size(int fd, const std::string& path);
+/** Opens a regular file for sharing; anything else, a FIFO for example, is refused at once. */
+unique_fd open_regular_file(const std::string& path, int flags);
+
+struct stat status_of(int fd, const std::string& path);
+
+/** Called after each piece of a transfer with the number of bytes that are done. */
+using progress_function = std::function<void(uint64_t done)>;
 
 /** Reads until `size` bytes are there or the file ends; returns how many there are. */
-size_t read_until_end(int fd, void* data, size_t size, const std::string& name);
-
-/** Reads a whole file, "-" for standard input; a failure when it has more than `limit` bytes. */
-byte_vector read_whole(const std::string& path, size_t limit);
-
-void write_all(int fd, const void* data, size_t size, const std::string& name);
+size_t read_until_end(int fd, void* data, size_t size, const std::string& name,
+                      const progress_function& progress = {});
 
 /**
- * A file that appears under its name only when it is whole: it is written beside it and renamed.
- * A file that is replaced keeps its mode, and a link to it stays. What is there already and is no
- * regular file, a terminal or a pipe, is written directly.
+ * Reads all that is left of a file. When that is more than `limit` bytes, the failure ends with
+ * `advice` and has `code`.
  */
-class output_file {
-public:
-    explicit output_file(std::string path);
-    output_file(const output_file&) = delete;
-    output_file& operator=(const output_file&) = delete;
-    ~output_file();
+byte_vector read_rest(int fd, const std::string& name, uint64_t limit,
+                      const std::string& advice = ", which is the most that this command takes",
+                      exit_code code = exit_code::failed);
 
-    int fd() const { return m_fd.get(); }
-    const std::string& path() const { return m_path; }  ///< with links resolved, once temporary
-    bool is_temporary() const { return !m_temporary.empty(); }
-    void commit();
+/** Reads a whole file, "-" for standard input; a failure when it has more than `limit` bytes. */
+byte_vector read_whole(const std::string& path, uint64_t limit);
 
-private:
-    void create_temporary(mode_t mode);
+/** A pipe that nobody reads any more is a broken_pipe where `fd` is standard output. */
+void write_all(int fd, const void* data, size_t size, const std::string& name);
 
-    std::string m_path;
-    std::string m_temporary;
-    unique_fd m_fd;
+/** Which file something is, whatever its name. */
+struct file_identity {
+    explicit file_identity(const struct stat& status) : device(status.st_dev), inode(status.st_ino)
+    {}
+    bool operator==(const file_identity& other) const
+    {
+        return device == other.device && inode == other.inode;
+    }
+    bool operator!=(const file_identity& other) const { return !(*this == other); }
+
+    dev_t device;
+    ino_t inode;
 };
 
-/** Whether two files are one and the same. */
-bool same_file(const struct stat& left, const struct stat& right);
+/** `begin` and 16 random digits: short, so that it fits wherever a file's own name does. */
+std::string random_name(const std::string& begin);
 
 /** Whether two names lead to one and the same regular file. */
 bool same_regular_file(const std::string& left, const std::string& right);
+
+/** `path` from the root on, so that a program that runs in another folder finds it. */
+std::string absolute_path(const std::string& path);
 
 }  // namespace tool

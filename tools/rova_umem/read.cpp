@@ -1,113 +1,127 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <memory>
 
 #include "commands.hpp"
+#include "console.hpp"
 #include "files.hpp"
-#include "interruption.hpp"
-#include "sdk.hpp"
+#include "imported_region.hpp"
+#include "json.hpp"
+#include "output_file.hpp"
+#include "signals.hpp"
 
 namespace tool {
 namespace {
 
 constexpr uint64_t chunk_bytes = 1024 * 1024;
 
-/** A bar on standard error, for a person who has waited for a second already. */
-class progress {
-public:
-    progress(uint64_t total, bool wanted) : m_total(total), m_wanted(wanted) {}
-    progress(const progress&) = delete;
-    progress& operator=(const progress&) = delete;
+struct byte_range {
+    uint64_t offset;
+    uint64_t length;
+};
 
-    ~progress()
+byte_range range_to_read(const options& given, uint64_t size)
+{
+    const std::string all = "the region has " + count(size, "byte");
+    const uint64_t offset = given.offset.value_or(0);
+    if (offset > size) {
+        throw failure("--offset " + std::to_string(offset) + " is beyond the end: " + all,
+                      exit_code::usage);
+    }
+    const uint64_t left = size - offset;
+    if (given.length.value_or(0) > left) {
+        throw failure("--length " + std::to_string(*given.length) + " reaches beyond the end: " +
+                          all + ", " + std::to_string(left) + " of them from there on",
+                      exit_code::usage);
+    }
+    return {offset, given.length.value_or(left)};
+}
+
+/** Where the bytes go: a file that appears when all are there, or standard output. */
+class destination {
+public:
+    explicit destination(const std::optional<std::string>& path)
     {
-        if (m_shown) {
-            print_error("\r\033[K");
+        if (path) {
+            m_file = std::make_unique<output_file>(*path);
+            m_name = in_quotes(*path);
         }
     }
 
-    void update(uint64_t done)
+    int fd() const { return m_file != nullptr ? m_file->fd() : STDOUT_FILENO; }
+    const std::string& name() const { return m_name; }
+    void commit()
     {
-        const auto now = std::chrono::steady_clock::now();
-        if (!m_wanted || now < m_next) {
-            return;
+        if (m_file != nullptr) {
+            m_file->commit();
         }
-        m_next = now + std::chrono::milliseconds(100);
-        m_shown = true;
-        const double part = static_cast<double>(done) / static_cast<double>(m_total);
-        std::string bar(width, ' ');
-        std::fill_n(bar.begin(), static_cast<size_t>(part * width), '#');
-        print_error("\r[" + bar + "] " + std::to_string(static_cast<int>(part * 100)) + "%, " +
-                    std::to_string(done >> 20) + " of " + std::to_string(m_total >> 20) + " MiB");
     }
 
 private:
-    static constexpr size_t width = 40;
-
-    uint64_t m_total;
-    bool m_wanted;
-    bool m_shown = false;
-    std::chrono::steady_clock::time_point m_next =
-        std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    std::unique_ptr<output_file> m_file;
+    std::string m_name = "standard output";
 };
 
-uint64_t length_to_read(const read_options& options, uint64_t size)
+void copy(const imported_region& region, const byte_range& range, const destination& to,
+          bool as_hex)
 {
-    const std::string all = "the region has " + count(size, "byte");
-    if (options.offset > size) {
-        throw failure("--offset " + std::to_string(options.offset) +
-                      " lies beyond the end: " + all);
-    }
-    const uint64_t left = size - options.offset;
-    if (options.length.value_or(0) > left) {
-        throw failure("--length " + std::to_string(*options.length) + " reaches beyond the end: " +
-                      all + ", " + std::to_string(left) + " of them from there on");
-    }
-    return options.length.value_or(left);
-}
-
-void stream(const imported_region& region, uint64_t offset, uint64_t length, int fd,
-            const std::string& name, const interruption* stop)
-{
-    // A bar between the bytes that a terminal shows would be nothing but a nuisance.
-    const bool to_terminal = isatty(fd) == 1;
-    progress bar(length, isatty(STDERR_FILENO) == 1 && !to_terminal);
-    byte_vector chunk(static_cast<size_t>(std::min(length, chunk_bytes)));
-    for (uint64_t done = 0; done < length;) {
-        const auto size = static_cast<size_t>(std::min<uint64_t>(length - done, chunk.size()));
-        region.read(offset + done, chunk.data(), size);
-        write_all(fd, chunk.data(), size, name);
+    // Beside the bytes that a terminal shows, a bar would only be in the way.
+    progress_bar bar(range.length, isatty(to.fd()) != 1);
+    byte_vector chunk(static_cast<size_t>(std::min(range.length, chunk_bytes)));
+    for (uint64_t done = 0; done < range.length;) {
+        const auto size =
+            static_cast<size_t>(std::min<uint64_t>(range.length - done, chunk.size()));
+        const uint64_t offset = range.offset + done;
+        region.read(offset, chunk.data(), size);
+        if (as_hex) {
+            const std::string rows = hex_dump(chunk.data(), size, offset);
+            write_all(to.fd(), rows.data(), rows.size(), to.name());
+        } else {
+            write_all(to.fd(), chunk.data(), size, to.name());
+        }
         done += size;
         bar.update(done);
-        if (stop != nullptr && stop->has_come()) {
-            throw failure("interrupted; " + name + " is left as it was");
-        }
     }
+}
+
+void summarise(const options& given, const byte_range& range)
+{
+    const json_ptr summary = json_new_object();
+    json_add(summary, "descriptor", given.operands.front());
+    json_add(summary, "offset", range.offset);
+    json_add(summary, "bytes", range.length);
+    if (given.out) {
+        json_add(summary, "out", *given.out);
+    }
+    // Standard output holds the bytes unless they went into a file.
+    given.out ? print(json_line(summary)) : print_error(json_line(summary));
 }
 
 }  // namespace
 
-int run_read(const read_options& options)
+int run_read(const options& given)
 {
-    const std::string source = options.descriptor == "-" ? "/dev/stdin" : options.descriptor;
-    if (options.out && same_regular_file(source, *options.out)) {
-        throw failure("the bytes would replace the descriptor " + in_quotes(*options.out) +
-                      "; name another file with --out");
+    const std::string& descriptor = given.operands.front();
+    const std::string source = descriptor == "-" ? "/dev/stdin" : descriptor;
+    if (given.out && same_regular_file(source, *given.out)) {
+        throw failure("the bytes would replace the descriptor " + in_quotes(*given.out) +
+                          "; name another file with --out",
+                      exit_code::usage);
     }
-    imported_region region(options.descriptor);
-    const uint64_t length = length_to_read(options, region.size());
-    if (options.out) {
-        output_file file(*options.out);
-        // Only a file that is half written has something to tidy up; everything else ends at once.
-        const auto stop = file.is_temporary() ? std::make_unique<interruption>() : nullptr;
-        stream(region, options.offset, length, file.fd(), in_quotes(*options.out), stop.get());
-        file.commit();
-    } else {
-        stream(region, options.offset, length, STDOUT_FILENO, "standard output", nullptr);
+    if (given.out) {
+        // Before the device: its threads then inherit a mask that leaves signals to this program.
+        remove_leftovers_on_signals();
     }
-    region.end();
+    imported_region region(descriptor, given);
+    const byte_range range = range_to_read(given, region.size());
+    destination to(given.out);
+    copy(region, range, to, given.hex);
+    to.commit();
+    region.release();
+    if (given.json) {
+        summarise(given, range);
+    }
     return 0;
 }
 

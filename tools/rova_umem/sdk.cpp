@@ -1,46 +1,89 @@
 #include "sdk.hpp"
 
 #include <exception>
+#include <mutex>
 #include <utility>
 
-#include "descriptor.hpp"
+#include "console.hpp"
 
 namespace tool {
 namespace {
 
-std::vector<log_line>& collected_log()
-{
-    static std::vector<log_line> log;
-    return log;
-}
+/** Records arrive from every thread of the libraries. */
+struct log_collection {
+    std::mutex mutex;
+    std::vector<log_line> lines;
+    bool shown = false;
+
+    /** Never destroyed: a thread of a library may log while the program ends. */
+    static log_collection& instance()
+    {
+        static log_collection* const collection = std::make_unique<log_collection>().release();
+        return *collection;
+    }
+};
 
 const char* level_name(uint32_t level)
 {
     return level <= ROVA_LOG_LEVEL_ERROR     ? "error"
            : level <= ROVA_LOG_LEVEL_WARNING ? "warning"
-                                             : "info";
+           : level <= ROVA_LOG_LEVEL_INFO    ? "info"
+                                             : "debug";
 }
 
-void collect(const struct rova_soft_log_record* record, void* /*user*/)
+void collect(const struct rova_platform_log_record* record, void* /*user*/)
 {
     try {
-        collected_log().push_back(
-            {level_name(record->level), record->source, record->function, record->message});
+        const log_line line{level_name(record->level), record->source, record->function,
+                            record->message};
+        log_collection& collection = log_collection::instance();
+        const std::lock_guard<std::mutex> lock(collection.mutex);
+        if (collection.shown) {
+            print_error(line.level + " " + line.source + " " + line.function + ": " +
+                        printable(line.message) + "\n");
+        }
+        if (record->level <= ROVA_LOG_LEVEL_WARNING) {
+            collection.lines.push_back(line);
+        }
     } catch (const std::exception&) {
-        // No memory for a log line: the code alone has to do.
+        // No memory for the log record: the failure then shows only the code.
+    }
+}
+
+exit_code exit_code_of(rova_error_t code)
+{
+    switch (code) {
+        case ROVA_ERROR_NOT_FOUND:
+        case ROVA_ERROR_NOT_CONNECTED:
+        case ROVA_ERROR_CONNECTION_RESET:
+            return exit_code::region_gone;
+        case ROVA_ERROR_NOT_PERMITTED:
+            return exit_code::not_permitted;
+        case ROVA_ERROR_UNSUPPORTED_VERSION:
+            return exit_code::bad_descriptor;
+        case ROVA_ERROR_TIME_OUT:
+            return exit_code::time_out;
+        default:
+            return exit_code::failed;
     }
 }
 
 }  // namespace
 
-void collect_log()
+void collect_log(bool shown)
 {
-    check(rova_soft_log_set_sink(collect, nullptr), "collect the log");
+    log_collection::instance().shown = shown;
+    check(rova_platform_log_set_sink(collect, nullptr), "collect the log");
+    if (shown) {
+        check(rova_platform_log_set_level(ROVA_LOG_LEVEL_TRACE), "set the log level");
+    }
 }
 
 std::vector<log_line> take_log()
 {
-    return std::exchange(collected_log(), {});
+    log_collection& collection = log_collection::instance();
+    const std::lock_guard<std::mutex> lock(collection.mutex);
+    return std::exchange(collection.lines, {});
 }
 
 std::string short_text(const log_line& line, rova_error_t code)
@@ -48,6 +91,10 @@ std::string short_text(const log_line& line, rova_error_t code)
     const std::string code_and_place = std::string(" (") + rova_error_get_name(code) + ")";
     return printable(line.message.substr(0, line.message.find(code_and_place)));
 }
+
+sdk_failure::sdk_failure(rova_error_t code, const std::string& text)
+    : failure(text, exit_code_of(code)), m_error(code)
+{}
 
 void check(rova_error_t code, const std::string& could_not)
 {
@@ -83,7 +130,7 @@ gpu_memory::~gpu_memory()
     }
 }
 
-void gpu_memory::end()
+void gpu_memory::free()
 {
     check(rova_soft_gpu_free(m_gpu, m_address), "free GPU memory");
     m_address = nullptr;
@@ -105,72 +152,6 @@ byte_vector export_region(priv_rova_umem* region)
     check(priv_rova_umem_export(region, &data, &length), "export the region");
     const auto* first = static_cast<const uint8_t*>(data);
     return {first, first + length};
-}
-
-imported_region::imported_region(std::string descriptor_path)
-    : m_path(std::move(descriptor_path)), m_device(make<device_ptr>("a device", rova_soft_dev_open))
-{
-    const byte_vector bytes = read_descriptor(m_path);
-    const descriptor_report report = examine(bytes);
-    m_is_damaged = !report.damages.empty();
-    priv_rova_umem* region = nullptr;
-    // The address is for the caller's own use and must not be null; this program has none.
-    check_with_advice(priv_rova_umem_create_from_export(m_device.get(), bytes.data(), bytes.size(),
-                                                        this, &region),
-                      "import " + in_quotes(m_path));
-    m_region.reset(region);
-    check(priv_rova_umem_id_get(region, &m_id), "ask for the umem id");
-    m_size = report.size.value_or(0);
-    m_writable = (report.access_flags.value_or(0) & ROVA_SOFT_ACCESS_WRITE) != 0;
-}
-
-void imported_region::check_with_advice(rova_error_t code, const std::string& could_not) const
-{
-    try {
-        check(code, could_not);
-    } catch (const sdk_failure& error) {
-        throw failure(error.what() + advice(code));
-    }
-}
-
-std::string imported_region::advice(rova_error_t code) const
-{
-    if (code == ROVA_ERROR_NOT_FOUND) {
-        return "\nWhoever shared it has ended or stopped sharing. Share it again.";
-    }
-    if (code == ROVA_ERROR_IO_FAILED && m_region != nullptr) {
-        return "\nThe shared memory is gone, or its file became shorter. Share it again.";
-    }
-    if (code == ROVA_ERROR_NOT_PERMITTED && m_region != nullptr && !m_writable) {
-        return "\nWhoever shares it can let others write with --writable.";
-    }
-    if (code == ROVA_ERROR_UNSUPPORTED_VERSION) {
-        return "\nA later version made it. Use that version here, too.";
-    }
-    // The block may be wrong, too, of which the descriptor's form tells nothing.
-    const bool descriptor_is_wrong =
-        m_region == nullptr && (m_is_damaged || code == ROVA_ERROR_INVALID_VALUE);
-    return descriptor_is_wrong
-               ? "\nSee what is wrong with it: rova_umem inspect " + printable(m_path)
-               : "";
-}
-
-void imported_region::read(uint64_t offset, void* data, size_t size) const
-{
-    check_with_advice(rova_soft_dev_read(m_device.get(), m_id, offset, data, size),
-                      "read the shared memory at offset " + std::to_string(offset));
-}
-
-void imported_region::write(uint64_t offset, const void* data, size_t size) const
-{
-    check_with_advice(rova_soft_dev_write(m_device.get(), m_id, offset, data, size),
-                      "write the shared memory at offset " + std::to_string(offset));
-}
-
-void imported_region::end()
-{
-    tool::end(m_region, "the imported region");
-    tool::end(m_device, "the device");
 }
 
 }  // namespace tool

@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "failure.hpp"
 #include "priv_rova_umem_api.h"
+#include "rova_platform.h"
 #include "rova_soft_platform.h"
 #include "text.hpp"
 
@@ -21,8 +23,9 @@ struct log_line {
     std::string message;
 };
 
-/** From here on what the library logs is kept for `take_log`. */
-void collect_log();
+/** From here on what the library logs is kept for `take_log`; if `shown`, also on standard error.
+ */
+void collect_log(bool shown);
 
 /** What has been logged since the last call. */
 std::vector<log_line> take_log();
@@ -33,21 +36,21 @@ std::string short_text(const log_line& line, rova_error_t code);
 /** A failure of the library; its text ends with the code's name. */
 class sdk_failure : public failure {
 public:
-    sdk_failure(rova_error_t code, const std::string& text) : failure(text), m_code(code) {}
-    rova_error_t code() const { return m_code; }
+    sdk_failure(rova_error_t code, const std::string& text);
+    rova_error_t error() const { return m_error; }
 
 private:
-    rova_error_t m_code;
+    rova_error_t m_error;
 };
 
 /**
  * A failure that says what could not be done and why, unless the code is ROVA_SUCCESS. The reason
- * is the first thing logged: that of the place that found it.
+ * is the first record logged, that of the function that found the error.
  */
 void check(rova_error_t code, const std::string& could_not);
 
 template <auto end_function>
-struct ender {
+struct sdk_deleter {
     static constexpr auto call = end_function;
 
     template <typename object>
@@ -57,10 +60,10 @@ struct ender {
     }
 };
 
-using device_ptr = std::unique_ptr<rova_dev, ender<rova_soft_dev_close>>;
-using gpu_ptr = std::unique_ptr<rova_gpu, ender<rova_soft_gpu_close>>;
-using accelerator_ptr = std::unique_ptr<rova_apx, ender<rova_soft_apx_close>>;
-using region_ptr = std::unique_ptr<priv_rova_umem, ender<priv_rova_umem_destroy>>;
+using device_ptr = std::unique_ptr<rova_dev, sdk_deleter<rova_platform_dev_close>>;
+using gpu_ptr = std::unique_ptr<rova_gpu, sdk_deleter<rova_soft_gpu_close>>;
+using accelerator_ptr = std::unique_ptr<rova_apx, sdk_deleter<rova_soft_apx_close>>;
+using region_ptr = std::unique_ptr<priv_rova_umem, sdk_deleter<priv_rova_umem_destroy>>;
 
 /** Makes an object by a call that takes the place to store it as its last argument. */
 template <typename pointer, typename function, typename... arguments>
@@ -71,12 +74,12 @@ pointer make(const std::string& what, function create, arguments... given)
     return pointer(object);
 }
 
-/** Ends an object as its destructor would, but a failure does not go unseen. */
+/** Closes or destroys an object as the end of its life would, but reports a failure. */
 template <typename pointer>
-void end(pointer& object, const std::string& what)
+void reclaim(pointer& object, const std::string& what)
 {
     check(pointer::deleter_type::call(object.get()), "end " + what);
-    static_cast<void>(object.release());  // ended already
+    static_cast<void>(object.release());  // gone already
 }
 
 /** Memory of a GPU. */
@@ -91,14 +94,14 @@ public:
     ~gpu_memory();
 
     uint8_t* data() const { return static_cast<uint8_t*>(m_address); }
-    void end();
+    void free();
 
 private:
     rova_gpu* m_gpu = nullptr;
     void* m_address = nullptr;
 };
 
-/** What a region answers about itself. */
+/** The attributes of a region. */
 struct region_facts {
     explicit region_facts(const priv_rova_umem* region);
 
@@ -111,29 +114,5 @@ struct region_facts {
 
 /** The bytes of a region's export descriptor. */
 byte_vector export_region(priv_rova_umem* region);
-
-/** A region that another process shares, behind a device of its own. */
-class imported_region {
-public:
-    explicit imported_region(std::string descriptor_path);
-
-    /** Read from the descriptor: the library reports 32 bits of it only. */
-    uint64_t size() const { return m_size; }
-    void read(uint64_t offset, void* data, size_t size) const;
-    void write(uint64_t offset, const void* data, size_t size) const;
-    void end();
-
-private:
-    void check_with_advice(rova_error_t code, const std::string& could_not) const;
-    std::string advice(rova_error_t code) const;
-
-    std::string m_path;
-    device_ptr m_device;
-    region_ptr m_region;
-    uint32_t m_id = 0;
-    uint64_t m_size = 0;
-    bool m_writable = false;
-    bool m_is_damaged = false;
-};
 
 }  // namespace tool

@@ -1,12 +1,8 @@
 #include "text.hpp"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <optional>
-
-#include "files.hpp"
+#include <charconv>
 
 namespace tool {
 namespace {
@@ -55,6 +51,15 @@ std::optional<code_point> decode(std::string_view text)
     return code_point{value, length};
 }
 
+/** Whether a terminal may obey it: control characters, and those that turn the direction. */
+bool is_control(uint32_t character)
+{
+    return character < 0x20 || (character >= 0x7F && character < 0xA0) || character == 0x061C ||
+           character == 0x200E || character == 0x200F ||
+           (character >= 0x2028 && character <= 0x202E) ||
+           (character >= 0x2066 && character <= 0x2069);
+}
+
 std::string escaped_utf16(uint32_t unit)
 {
     return "\\u" + hex(unit, 4).substr(2);
@@ -69,14 +74,15 @@ std::string padding(size_t width, const std::string& cell)
 
 std::string printable(std::string_view text)
 {
+    constexpr size_t longest = 4096;
+    if (text.size() > longest) {
+        return printable(text.substr(0, 60)) + "...";
+    }
     std::string result;
     while (!text.empty()) {
         const auto character = decode(text);
         const size_t length = character ? character->length : 1;
-        // 0x80 to 0x9f are control characters too, which some terminals obey.
-        const bool shown = character && character->value >= 0x20 &&
-                           (character->value < 0x7F || character->value >= 0xA0);
-        if (shown) {
+        if (character && !is_control(character->value)) {
             result += text.substr(0, length);
         } else {
             for (const char byte : text.substr(0, length)) {
@@ -135,20 +141,52 @@ std::string count(uint64_t number, const std::string& noun)
     return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
 }
 
-std::string hex_dump(const uint8_t* data, size_t size)
+std::string count_with_verb(uint64_t number, const std::string& noun, const std::string& one,
+                            const std::string& several)
+{
+    return count(number, noun) + " " + (number == 1 ? one : several);
+}
+
+std::optional<uint64_t> parse_number(std::string_view text)
+{
+    const bool hexadecimal = text.substr(0, 2) == "0x";
+    text.remove_prefix(hexadecimal ? 2 : 0);
+    uint64_t number = 0;
+    const char* end = text.data() + text.size();
+    const auto [parsed_end, error] =
+        std::from_chars(text.data(), end, number, hexadecimal ? 16 : 10);
+    return error == std::errc() && parsed_end == end ? std::optional(number) : std::nullopt;
+}
+
+std::optional<uint64_t> parse_size(std::string_view text)
+{
+    constexpr std::string_view suffixes = "KkMmGgTt";
+    const size_t suffix = text.empty() ? std::string_view::npos : suffixes.find(text.back());
+    if (suffix == std::string_view::npos) {
+        return parse_number(text);
+    }
+    const auto number = parse_number(text.substr(0, text.size() - 1));
+    const size_t shift = 10 * (suffix / 2 + 1);
+    return number && *number <= UINT64_MAX >> shift ? std::optional(*number << shift)
+                                                    : std::nullopt;
+}
+
+std::string hex_dump(const uint8_t* data, size_t size, uint64_t offset)
 {
     constexpr size_t row = 16;
     std::string text;
     for (size_t start = 0; start < size; start += row) {
         const size_t length = std::min(row, size - start);
+        std::string digits;
         std::string characters;
-        text += hex(start, 4).substr(2) + " ";
         for (size_t i = start; i < start + length; ++i) {
-            text += " " + two_digits(data[i]);
+            digits += two_digits(data[i]) + (i % 2 == 1 ? " " : "");
             const bool shown = data[i] >= 0x20 && data[i] < 0x7F;
             characters += shown ? static_cast<char>(data[i]) : '.';
         }
-        text += std::string(3 * (row - length) + 2, ' ') + characters + "\n";
+        digits.resize(row / 2 * 5 + 1, ' ');
+        text.append(hex(offset + start, 8), 2).append(": ").append(digits).append(characters);
+        text += '\n';
     }
     return text;
 }
@@ -186,22 +224,6 @@ std::string table::text() const
         text += line + "\n";
     }
     return text;
-}
-
-void print(std::string_view text)
-{
-    write_all(STDOUT_FILENO, text.data(), text.size(), "standard output");
-}
-
-void print_error(std::string_view text) noexcept
-{
-    while (!text.empty()) {
-        const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
-        if (written <= 0) {
-            return;
-        }
-        text.remove_prefix(static_cast<size_t>(written));
-    }
 }
 
 }  // namespace tool

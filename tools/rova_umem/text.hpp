@@ -1,39 +1,31 @@
 /*
- * Text for people: what may reach a terminal, and how it is laid out.
+ * Text for people and programs: what may reach a terminal, how it is laid out, how it is read.
  */
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <exception>
-#include <stdexcept>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tool {
 
 using byte_vector = std::vector<uint8_t>;
 
-/** Ends a command with exit code 1; its text tells the person what is wrong and what to do. */
-class failure : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-/** Standard output is a pipe that nobody reads any more: ends a command without a text. */
-class nobody_reads : public std::exception {};
-
 /**
- * `text` without anything that a terminal would obey: control characters and bytes that are no
- * UTF-8 are shown as \xNN.
+ * `text` without anything that a terminal would obey: control characters, those that change the
+ * direction of writing, and bytes that are not UTF-8 are shown as \xNN. What is longer than a path
+ * can be is cut.
  */
 std::string printable(std::string_view text);
 
 /** `text`, printable and in quotes. */
 std::string in_quotes(std::string_view text);
 
-/** JSON text in plain ASCII: what lies outside becomes \uNNNN, what is no UTF-8 \ufffd. */
+/** JSON text in plain ASCII: other characters become \uNNNN, bytes that are not UTF-8 \ufffd. */
 std::string ascii_json(std::string_view text);
 
 /** 0x and at least `digits` hexadecimal digits. */
@@ -45,8 +37,25 @@ std::string hex_bytes(const uint8_t* data, size_t size);
 /** "1 byte", "2 bytes". */
 std::string count(uint64_t number, const std::string& noun);
 
-/** Rows of 16 bytes with their offset, as hexadecimal digits and as characters. */
-std::string hex_dump(const uint8_t* data, size_t size);
+/** "1 byte", "1 file" and the verb that goes with it: "1 byte is", "2 bytes are". */
+std::string count_with_verb(uint64_t number, const std::string& noun, const std::string& one,
+                            const std::string& several);
+
+/**
+ * A number as people type it: decimal digits, or hexadecimal ones after 0x. With a suffix K, M, G
+ * or T, in either case, it counts in units of 1024, 1024^2 and so on. Nothing when it is none of
+ * these or needs more than 64 bits.
+ */
+std::optional<uint64_t> parse_size(std::string_view text);
+
+/** The same without a suffix. */
+std::optional<uint64_t> parse_number(std::string_view text);
+
+/**
+ * Rows of 16 bytes as the program xxd prints them: the offset of the first byte, which is `offset`
+ * for the first row, the bytes in hexadecimal, and the printable ones as characters.
+ */
+std::string hex_dump(const uint8_t* data, size_t size, uint64_t offset = 0);
 
 /** Puts two spaces before every line. */
 std::string indented(const std::string& text);
@@ -63,11 +72,5 @@ private:
     std::vector<bool> m_right;
     std::vector<std::vector<std::string>> m_rows;
 };
-
-/** Writes to standard output at once; a failure if it cannot be written. */
-void print(std::string_view text);
-
-/** Writes to standard error. There is nobody left to tell when that fails. */
-void print_error(std::string_view text) noexcept;
 
 }  // namespace tool

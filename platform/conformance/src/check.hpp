@@ -1,5 +1,5 @@
 /*
- * What a check is made of.
+ * The parts that checks are built from.
  */
 #pragma once
 
@@ -12,15 +12,20 @@
 
 namespace rova::conformance {
 
-/** The layer did what it must not. */
+/** The layer broke a rule. */
 class violation : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/** A text out of parts. */
-template <class... part>
-std::string words(const part&... parts)
+/** The layer does not offer what the check needs. */
+class not_applicable : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+template <typename... part_t>
+std::string concat(const part_t&... parts)
 {
     std::ostringstream text;
     (text << ... << parts);
@@ -28,24 +33,36 @@ std::string words(const part&... parts)
 }
 
 /** Ends the check when a condition does not hold. */
-template <class... part>
-void require(bool condition, const part&... parts)
+template <typename... part_t>
+void require(bool condition, const part_t&... parts)
 {
     if (!condition) {
-        throw violation(words(parts...));
+        throw violation(concat(parts...));
     }
 }
 
-/** One check. It throws a violation, or says what it has seen. */
+/** What a check has found. */
+struct finding {
+    outcome ended;
+    std::string seen;
+};
+
+/** One check. It throws a violation or not_applicable, or returns what it has seen. */
 struct check {
     const char* name;
     const char* sentence;
-    bool needs_memory; /**< reads and writes through the device */
+    std::vector<const char*> builds_on; /**< earlier checks, without which this one says nothing */
     std::string (*run)(const device_layer& layer);
 };
 
+/** If this check does not pass, the others do not look for lost memory. */
+inline constexpr const char* leak_check_name = "no_memory_was_lost_before";
+
+std::vector<check> service_checks();
 std::vector<check> registration_checks();
+std::vector<check> memory_checks();
 std::vector<check> export_checks();
+std::vector<check> sharing_checks();
 std::vector<check> component_checks();
 
 }  // namespace rova::conformance

@@ -1,119 +1,124 @@
 #include "isolation.hpp"
 
+#include <cxxabi.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <signal.h>
-#include <string.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
 #include <system_error>
+#include <typeinfo>
 
+#include "child_process.hpp"
 #include "rova_exception.hpp"
+#include "subject.hpp"
+
+namespace rova::conformance {
 
 namespace {
 
-/** The two ends of a pipe, to which one verdict fits. */
-class verdict_pipe {
+/** Carries one finding from the child process to its parent. */
+class finding_pipe {
 public:
-    verdict_pipe()
+    finding_pipe()
     {
-        if (::pipe2(m_ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+        std::array<int, 2> ends = {};
+        if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
             throw std::system_error(errno, std::generic_category(), "cannot make a pipe");
         }
-    }
-    ~verdict_pipe()
-    {
-        ::close(m_ends[0]);
-        ::close(m_ends[1]);
-    }
-    verdict_pipe(const verdict_pipe&) = delete;
-    verdict_pipe& operator=(const verdict_pipe&) = delete;
-
-    void put(const rova::conformance::verdict& verdict) const
-    {
-        // Up to PIPE_BUF bytes go in as a whole.
-        const std::string text = ((verdict.passed ? '+' : '-') + verdict.seen).substr(0, PIPE_BUF);
-        [[maybe_unused]] const ssize_t written = ::write(m_ends[1], text.data(), text.size());
+        m_read_end = descriptor(ends[0]);
+        m_write_end = descriptor(ends[1]);
     }
 
-    /** What was put; nothing when the child never came to that. */
+    void put(const finding& found) const
+    {
+        // A write of up to PIPE_BUF bytes is atomic.
+        std::string text(1, static_cast<char>(found.ended));
+        text = (text + found.seen).substr(0, PIPE_BUF);
+        [[maybe_unused]] const ssize_t written =
+            ::write(m_write_end.number(), text.data(), text.size());
+    }
+
+    /** The finding; empty if the child ended before it wrote one. */
     std::string take() const
     {
         std::array<char, PIPE_BUF> text = {};
-        const ssize_t size = ::read(m_ends[0], text.data(), text.size());
+        const ssize_t size = ::read(m_read_end.number(), text.data(), text.size());
         return size > 0 ? std::string(text.data(), static_cast<size_t>(size)) : "";
     }
 
 private:
-    std::array<int, 2> m_ends = {};
+    descriptor m_read_end;
+    descriptor m_write_end;
 };
 
-int wait_for(pid_t child)
+std::string readable_type(const std::exception& e)
 {
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0) {
-        if (errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "cannot wait for a check");
-        }
-    }
-    return status;
+    struct free_deleter {
+        void operator()(char* text) const { std::free(text); }
+    };
+    const char* const name = typeid(e).name();
+    const std::unique_ptr<char, free_deleter> readable(
+        abi::__cxa_demangle(name, nullptr, nullptr, nullptr));
+    return readable != nullptr ? readable.get() : name;
 }
 
-std::string end_of_child(int status, unsigned timeout_s)
+finding run_and_look_for_leaks(const check& which, const device_layer& layer, bool look)
 {
-    using rova::conformance::words;
-    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
-        return words("it did not come to an end within ", timeout_s, " seconds");
+    finding found = run_here(which, layer);
+    if (look && found.ended == outcome::passed && has_leaked()) {
+        return {outcome::failed, "memory was lost: the leak sanitizer has written a report"};
     }
-    if (WIFSIGNALED(status)) {
-        return words("the process was ended by signal ", WTERMSIG(status), " (",
-                     ::strsignal(WTERMSIG(status)), ')');
-    }
-    return words("the process ended with exit code ", WEXITSTATUS(status));
+    return found;
 }
 
 }  // namespace
 
-namespace rova::conformance {
-
-verdict run_here(const check& which, const device_layer& layer)
-try {
-    return {true, which.run(layer)};
-} catch (const rova::exception& e) {
-    return {false, words("unexpectedly refused with ", rova_error_get_name(e.error_code()), " (",
-                         e.message(), ')')};
-} catch (const std::exception& e) {
-    return {false, e.what()};
-} catch (...) {
-    return {false, "something was thrown that is no std::exception"};
+std::string describe_current_exception()
+{
+    try {
+        throw;
+    } catch (const rova::exception& e) {
+        return concat(name_of(e.error_code()), " (\"", e.message(), "\")");
+    } catch (const std::exception& e) {
+        return concat(readable_type(e), " (\"", e.what(), "\") without a code");
+    } catch (...) {
+        return "something that is not a std::exception";
+    }
 }
 
-verdict run_in_child(const check& which, const device_layer& layer, unsigned timeout_s)
+finding run_here(const check& which, const device_layer& layer)
+try {
+    return {outcome::passed, which.run(layer)};
+} catch (const violation& e) {
+    return {outcome::failed, e.what()};
+} catch (const not_applicable& e) {
+    return {outcome::skipped, e.what()};
+} catch (...) {
+    const std::string thrown = describe_current_exception();
+    return {outcome::failed, concat(thrown, " was thrown while ", current_step())};
+}
+
+finding run_in_child(const check& which, const device_layer& layer, unsigned timeout_s,
+                     bool look_for_leaks)
 {
-    const verdict_pipe pipe;
-    // What stands in buffers would be written twice.
-    std::fflush(nullptr);
-    const pid_t child = ::fork();
-    if (child < 0) {
-        throw std::system_error(errno, std::generic_category(), "cannot make a child process");
+    const finding_pipe pipe;
+    child_process child([&] { pipe.put(run_and_look_for_leaks(which, layer, look_for_leaks)); });
+    const auto status = child.wait(std::chrono::seconds(timeout_s));
+    if (!status) {
+        return {outcome::failed, concat("the process did not come to an end within ", timeout_s,
+                                        " seconds; it was ", child.step())};
     }
-    if (child == 0) {
-        ::alarm(timeout_s);
-        pipe.put(run_here(which, layer));
-        std::fflush(nullptr);
-        ::_exit(0);
-    }
-    const int status = wait_for(child);
     const std::string text = pipe.take();
-    // A verdict counts only if the process lived to its end.
-    if (status != 0 || text.empty()) {
-        return {false, end_of_child(status, timeout_s)};
+    // A finding counts only if the process ended in the ordinary way.
+    if (*status != 0 || text.empty()) {
+        return {outcome::failed, child.describe_end(*status)};
     }
-    return {text.front() == '+', text.substr(1)};
+    return {static_cast<outcome>(text.front()), text.substr(1)};
 }
 
 }  // namespace rova::conformance

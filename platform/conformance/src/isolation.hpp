@@ -1,5 +1,5 @@
 /*
- * Runs a check where a crash does no harm.
+ * Runs one check, in this process or in a child where a crash does no harm.
  */
 #pragma once
 
@@ -7,15 +7,17 @@
 
 namespace rova::conformance {
 
-struct verdict {
-    bool passed;
-    std::string seen;
-};
+/** Describes the exception that is being handled: its code, or its type, and its message. */
+std::string describe_current_exception();
 
-/** In this process. */
-verdict run_here(const check& which, const device_layer& layer);
+/** Runs the check in this process. */
+finding run_here(const check& which, const device_layer& layer);
 
-/** In a child process, whose violent end is a failure of the check. */
-verdict run_in_child(const check& which, const device_layer& layer, unsigned timeout_s);
+/**
+ * Runs the check in a child process. It fails on a crash, on a time-out and, if asked for, on lost
+ * memory.
+ */
+finding run_in_child(const check& which, const device_layer& layer, unsigned timeout_s,
+                     bool look_for_leaks);
 
 }  // namespace rova::conformance

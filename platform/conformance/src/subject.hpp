@@ -1,5 +1,5 @@
 /*
- * What the checks work with: memory, devices, and a way to try what may be refused.
+ * What the checks work with: memory, devices, and calls that may be refused.
  */
 #pragma once
 
@@ -21,10 +21,10 @@ using device_abstraction::itlox_adapter;
 using registration = std::pair<tlox_umem*, uint32_t>;
 using bytes = std::vector<uint8_t>;
 
-/** The system's page size, which every check registers in. */
+/** The system's page size, which the checks register with. */
 size_t page_size();
 
-/** Memory whose last byte is followed by a page that nobody can touch. */
+/** Memory whose last byte is followed by a page without any access. */
 class fenced_memory {
 public:
     explicit fenced_memory(size_t size);
@@ -37,6 +37,12 @@ public:
     uint8_t* data() const { return m_data; }
     size_t size() const { return m_size; }
 
+    void fill(uint8_t value) const;
+
+    /** Whether each byte of a range has the value. */
+    bool holds(uint8_t value, size_t offset, size_t size) const;
+    bool holds(uint8_t value) const { return holds(value, 0, m_size); }
+
 private:
     size_t m_size;
     size_t m_mapped;
@@ -44,15 +50,22 @@ private:
     uint8_t* m_data = nullptr;
 };
 
-/** What came of a call that may be refused. */
+/** The name of a code, even if the layer gives none. */
+std::string name_of(rova_error_t code);
+
+/** The result of a call that may be refused. */
 struct attempt {
     std::optional<registration> made;
     std::optional<rova_error_t> code; /**< that of a rova::exception */
-    std::string refusal;
+    std::string refusal;              /**< what was thrown, as a text */
 };
 
-/** Tries. A null handle, or a refusal that cannot be told from success, is a violation. */
+/** Makes the call. A null handle, or a refusal with ROVA_SUCCESS, is a violation. */
 attempt try_to(const std::function<registration()>& call);
+
+/** Ends the check as not applicable when memory cannot be read and written through the device. */
+void need_transfers(const device_layer& layer);
+bool can_transfer(const device_layer& layer);
 
 /** An open device. */
 class device {
@@ -64,10 +77,14 @@ public:
 
     rova_dev* get() const { return m_dev; }
 
-    /** The object adapter, which is there. */
+    /** The object adapter; a violation if there is none. */
     std::shared_ptr<itlox_adapter> adapter() const;
 
-    /** Registers memory, for all access. */
+    attempt try_add(void* address, size_t size, uint32_t access_flags) const;
+    attempt try_add_dmabuf(int number, size_t offset, size_t size) const;
+
+    /** Registers memory, with all access unless flags are given. A refusal is a violation. */
+    registration add(void* address, size_t size, uint32_t access_flags) const;
     registration add(void* address, size_t size) const;
     registration add(const fenced_memory& memory) const;
 
@@ -75,24 +92,27 @@ public:
     attempt try_import(const bytes& block) const;
     registration import_block(const bytes& block) const;
 
-    /** Ends a registration, which works. */
+    /** Ends a registration. A failure is a violation. */
     void end(const registration& made) const;
 
-    /** Refusals of a handle that is none; `what` says which. */
-    void refuses_to_deregister(tlox_umem* umem, const char* what) const;
-    void refuses_to_export(tlox_umem* umem, const char* what) const;
-    void refuses_to_release(tlox_umem* umem, const char* what) const;
+    /** Requires that a handle that is not live is refused; `what` describes it. */
+    void require_deregister_refused(tlox_umem* umem, const char* what) const;
+    void require_export_refused(tlox_umem* umem, const char* what) const;
+    void require_release_refused(tlox_umem* umem, const char* what) const;
 
     /** Whether memory can be read or written through the device. */
     bool reads(uint32_t id, uint64_t offset, bytes& data) const;
     bool writes(uint32_t id, uint64_t offset, const bytes& data) const;
 
-    /** Closes the device, which works. */
+    /** Whether a byte can be read, and has the value. */
+    bool reads_byte(uint32_t id, uint64_t offset, uint8_t value) const;
+
+    /** Closes the device. A failure is a violation. */
     void close();
 
 private:
     const device_layer& m_layer;
-    rova_dev* m_dev;
+    rova_dev* m_dev = nullptr;
 };
 
 }  // namespace rova::conformance

@@ -23,7 +23,7 @@ public:
     virtual ~idevice_adapter() = default;
 
     /**
-     * The device's object adapter. A caller holds it for one operation and lets it go.
+     * The device's object adapter. A caller holds it for one operation only.
      *
      * @return the adapter; never null while the device is open.
      */

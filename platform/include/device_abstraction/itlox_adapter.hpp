@@ -22,10 +22,10 @@ namespace device_abstraction {
 /**
  * Registers memory with one device, and ends, shares and takes over registrations.
  *
- * Operations that throw throw a rova::exception whose code, never ROVA_SUCCESS, and text say what
- * was refused, or whatever failed beneath them (std::bad_alloc). A failed operation changes
- * nothing: what was registered stays registered, and nothing new is. A handle that is returned is
- * never null.
+ * An operation that refuses throws a rova::exception whose code, never ROVA_SUCCESS, and text say
+ * what was refused. Other exceptions, such as std::bad_alloc, may pass through. A failed operation
+ * changes nothing: what was registered stays registered, and nothing new is. A handle that is
+ * returned is never null.
  *
  * Safe from any number of threads; operations on one handle are serialised by the caller.
  *
@@ -42,8 +42,10 @@ public:
      * @param address       where the range begins.
      * @param size          its length in bytes.
      * @param access_flags  what the device may do; the bits are the device layer's to define.
-     * @param page_size     in bytes.
-     * @return the handle and its umem id, which is unique among the device's live registrations.
+     * @param page_size     the unit of address translation, in bytes. Neither `address` nor
+     *                      `size` need be a multiple of it.
+     * @return the handle and its umem id: any number, 0 too, that no other live registration of
+     *         the device has.
      */
     virtual std::pair<tlox_umem*, uint32_t> register_umem(void* address, size_t size,
                                                           uint32_t access_flags,
@@ -67,9 +69,10 @@ public:
                                                                  size_t page_size) = 0;
 
     /**
-     * Ends a registration. On failure it lives on, and the call can be made again.
+     * Ends a registration. What was imported from its exports reaches nothing any more. On failure
+     * the registration lives on, and the call can be repeated.
      *
-     * @param umem  the handle; spent after success.
+     * @param umem  the handle; invalid after success.
      * @return ROVA_SUCCESS, or why the registration could not be ended.
      */
     virtual rova_error_t deregister_umem(tlox_umem* umem) noexcept = 0;
@@ -77,7 +80,7 @@ public:
     /**
      * Describes a registration to another process or device context.
      *
-     * @param umem  the handle; null for accelerator memory, which has none: refused.
+     * @param umem  the handle; null, which accelerator memory has, is refused.
      * @return bytes that `import_umem` understands; an empty vector means failure.
      */
     virtual std::vector<uint8_t> export_umem(tlox_umem* umem) = 0;
@@ -96,9 +99,9 @@ public:
                                                         size_t block_length) = 0;
 
     /**
-     * Hands a registration over to the device without ending it. The handle is spent.
+     * Hands a registration over to the device without ending it. The handle becomes invalid.
      *
-     * @param umem  the handle; null for accelerator memory, which has none: refused.
+     * @param umem  the handle; null, which accelerator memory has, is refused.
      */
     virtual void release_umem(tlox_umem* umem) = 0;
 };

@@ -4,22 +4,30 @@
  *
  * The software platform: a network device, a GPU and an accelerator made of nothing but Linux.
  *
- * It stands in the place of the layers that drive real hardware, behind the same interfaces, and
- * really does the work: memory that is registered with a software device can be read and written
- * through it, and no byte outside of a registration ever is. Programs that want to try the memory
- * regions of the SDK, or to test code that uses them, open their devices here.
+ * It takes the place of the layers that drive real hardware, behind the same interfaces, and really
+ * does the work: memory that is registered with a software device can be read and written through
+ * it, and no byte outside of a registration ever is. A program that tries out the memory regions of
+ * the SDK, or tests code that uses them, opens its devices with these calls.
+ *
+ * rova_platform.h has what every device has in common, such as the calls to read, write and close
+ * it.
  *
  * @par Conventions
- *  - Calls return a code; each lists the codes that are its own. Beside them, any call that makes
+ *  - Calls return a code; each lists the codes of its own. Beside them, any call that creates
  *    something may return ROVA_ERROR_NO_MEMORY, or ROVA_ERROR_OPERATING_SYSTEM when the kernel has
- *    no more files or mappings to give. A NULL where an object or an output belongs, and a
- *    device of another platform, are ROVA_ERROR_INVALID_VALUE.
+ *    no more files or mappings to give. A NULL where an object or an output belongs, and a device
+ *    that does not come with this library, are refused with ROVA_ERROR_INVALID_VALUE.
  *  - A failure writes one log record that says what was wrong, writes no output and changes
  *    nothing, unless the call says otherwise.
- *  - What an open or alloc call gives belongs to the caller until the matching close or free.
+ *  - What an open or alloc call returns belongs to the caller until the matching close or free.
  *  - Sizes and offsets are in bytes. A pointer to data is the caller's own, valid memory.
  *  - Everything may be called from any number of threads at once, but an object must not be used
  *    during or after its close.
+ *  - If a thread is cancelled by pthread_cancel during a call, the call is completed before the
+ *    cancellation takes effect. Asynchronous cancellation is not supported.
+ *  - A device, a GPU and an accelerator belong to the process that opened them. In a forked child
+ *    every call on one, and on every registration with it, fails at once with ROVA_ERROR_BAD_STATE,
+ *    whatever the other threads of the parent were doing; the child opens its own.
  *
  * @{
  */
@@ -29,7 +37,7 @@
 #include <stdbool.h>
 
 #include "rova_error.h"
-#include "rova_log.h"
+#include "rova_platform.h"
 #include "rova_types.h"
 
 #ifdef __cplusplus
@@ -37,135 +45,70 @@ extern "C" {
 #endif
 
 /**
- * @name Log
- * @{
- */
-
-/** One log record. The strings live until the sink returns. */
-struct rova_soft_log_record {
-    uint32_t level;       /**< one of rova_log_level */
-    const char* source;   /**< the name of the source, for example "CORE::ROVA_UMEM" */
-    const char* file;     /**< the call site's file */
-    int line;             /**< the call site's line */
-    const char* function; /**< the function around the call site */
-    const char* message;  /**< the whole text, without a newline */
-};
-
-/** Receives log records, one at a time. Must not log itself, nor throw. */
-typedef void (*rova_soft_log_sink)(const struct rova_soft_log_record* record, void* user);
-
-/**
- * Sends the records to a function of the program instead of standard error.
- *
- * @param sink  NULL: back to standard error.
- * @param user  handed to each call of the sink. It has to stay valid until another sink is set;
- *              this call returns after the last call of the previous sink has.
- * @return ROVA_SUCCESS, or one of the general codes.
- */
-ROVA_API rova_error_t rova_soft_log_set_sink(rova_soft_log_sink sink, void* user);
-
-/**
- * Records of a higher number than this are dropped before they are formatted. The start value is
- * ROVA_LOG_LEVEL_WARNING.
- *
- * @param level  one of rova_log_level.
- * @return ROVA_ERROR_INVALID_VALUE when `level` is none of rova_log_level.
- */
-ROVA_API rova_error_t rova_soft_log_set_level(uint32_t level);
-
-/**
- * The level of records that are still written.
- *
- * @return the level set last.
- */
-ROVA_API uint32_t rova_soft_log_get_level(void);
-
-/** @} */
-
-/** What a device may do with a registered region; the bits of `access_flags`. */
-enum rova_soft_access {
-    ROVA_SOFT_ACCESS_READ = 1 << 0, /**< the device may read the memory */
-    ROVA_SOFT_ACCESS_WRITE = 1 << 1 /**< the device may write the memory */
-};
-
-/**
  * @name Device
  *
- * Registering memory with a software device is refused, beside the general rules,
- *  - with ROVA_ERROR_INVALID_VALUE: a size of 0, a range that wraps round the address space, a
- *    page size that is no power of two, access bits other than those above, a range that is not
- *    mapped, a descriptor that cannot be mapped shared, a range that reaches past its end;
+ * Beside the general rules, registering memory with a software device is refused
+ *  - with ROVA_ERROR_INVALID_VALUE: a size of 0, a range that wraps round the address space, a page
+ *    size that is not a power of two, access bits other than those of rova_platform_access, a range
+ *    that is not mapped, a descriptor that cannot be mapped shared, a range that reaches past its
+ *    end;
  *  - with ROVA_ERROR_NOT_PERMITTED: memory or a descriptor that the process itself may not read or
  *    write as the access bits ask.
  *
  * A dma-buf is any descriptor that can be mapped shared, a memfd for example. The device maps the
  * range itself, at any offset, and does not depend on the descriptor afterwards.
  *
+ * A region that is exported can be imported by any process of the same machine that the kernel lets
+ * access the exporter's memory. Importing is refused
+ *  - with ROVA_ERROR_INVALID_VALUE: a block that was not made by a software device or has another
+ *    version, a record with values that no software device writes, a region that was imported from
+ *    import to import more than ROVA_SOFT_LONGEST_CHAIN times;
+ *  - with ROVA_ERROR_NOT_FOUND: the exporter has deregistered the region, has ended, or runs
+ *    another program;
+ *  - with ROVA_ERROR_NOT_PERMITTED: the kernel does not let this process access the exporter's
+ *    memory, or /proc does not show the exporter;
+ *  - with ROVA_ERROR_OPERATING_SYSTEM: /proc is not mounted, or shows another pid namespace.
+ *
+ * The kernel decides about access at a device's first import from a process; the device keeps the
+ * access until its last import from that process is deregistered. Until then it uses one file
+ * descriptor for the process; transfers use none. A forked child inherits no exports: those of the
+ * parent stay the parent's.
+ *
  * @{
  */
+
+/** Limits of a software device. */
+enum rova_soft_limit {
+    ROVA_SOFT_LONGEST_CHAIN = 16 /**< how often a region can be imported from import to import */
+};
 
 /**
  * Opens a software device, with umem ids of its own.
  *
- * @param dev  receives the device; close it with rova_soft_dev_close.
+ * @param dev  receives the device; close it with rova_platform_dev_close.
  * @return ROVA_SUCCESS, or one of the general codes.
  */
 ROVA_API rova_error_t rova_soft_dev_open(struct rova_dev** dev);
 
-/**
- * Closes a device. Registrations that were released to it end here.
- *
- * @param dev  the device.
- * @return ROVA_ERROR_IN_USE while regions are registered with it or an accelerator is open on it;
- *         the device stays open then.
- */
-ROVA_API rova_error_t rova_soft_dev_close(struct rova_dev* dev);
+/** What a block of a software device contains. Nothing of it has been checked against a process. */
+struct rova_soft_block_info {
+    uint64_t pid;            /**< the exporting process */
+    uint64_t start_time;     /**< when it was started, in clock ticks since the machine started */
+    uint64_t record_address; /**< where in its memory the registration's record lies */
+};
 
 /**
- * The number of registrations that live on a device, those released to it not among them.
+ * Decodes a block of a software device. It reads only the bytes: it accesses no process, and does
+ * not tell whether the region still exists.
  *
- * @param dev    the device.
- * @param count  receives the number.
- * @return ROVA_SUCCESS, or one of the general codes.
+ * @param block  the bytes.
+ * @param size   their number.
+ * @param info   receives the contents of the block.
+ * @return ROVA_ERROR_INVALID_VALUE when the bytes are not a block of a software device, or a block
+ *         of another version.
  */
-ROVA_API rova_error_t rova_soft_dev_count_registrations(const struct rova_dev* dev, size_t* count);
-
-/**
- * Reads registered memory the way the device would.
- *
- * @param dev      the device.
- * @param umem_id  which registration.
- * @param offset   where in it to begin.
- * @param data     receives `size` bytes; may be NULL when `size` is 0.
- * @param size     how many bytes to read.
- * @return
- *  - ROVA_ERROR_NOT_FOUND: no such umem id, or the exporter of an imported region has deregistered
- *    it or is gone;
- *  - ROVA_ERROR_INVALID_VALUE: the range does not lie within the region;
- *  - ROVA_ERROR_NOT_PERMITTED: the region does not grant the device to read, or the kernel does not
- *    let this process reach the exporter's memory;
- *  - ROVA_ERROR_IO_FAILED: the memory behind the region has gone away, or is such that nobody else
- *    may read it. Never a signal.
- *
- * After the last of these, and when an exporter goes away in the middle, `data` holds zeros; after
- * the others it is as it was.
- */
-ROVA_API rova_error_t rova_soft_dev_read(struct rova_dev* dev, uint32_t umem_id, uint64_t offset,
-                                         void* data, size_t size);
-
-/**
- * Writes registered memory the way the device would. A write that fails with ROVA_ERROR_IO_FAILED
- * may have written a first part of the range.
- *
- * @param dev      the device.
- * @param umem_id  which registration.
- * @param offset   where in it to begin.
- * @param data     holds `size` bytes; may be NULL when `size` is 0.
- * @param size     how many bytes to write.
- * @return the codes of rova_soft_dev_read, with writing in the place of reading.
- */
-ROVA_API rova_error_t rova_soft_dev_write(struct rova_dev* dev, uint32_t umem_id, uint64_t offset,
-                                          const void* data, size_t size);
+ROVA_API rova_error_t rova_soft_block_explain(const void* block, size_t size,
+                                              struct rova_soft_block_info* info);
 
 /** @} */
 
@@ -196,13 +139,13 @@ ROVA_API rova_error_t rova_soft_gpu_close(struct rova_gpu* gpu);
  * @param gpu      the GPU.
  * @param size     must not be 0; rounded up to whole pages.
  * @param address  receives the GPU address.
- * @return ROVA_SUCCESS, or one of the general codes.
+ * @return ROVA_ERROR_INVALID_VALUE when `size` is 0.
  */
 ROVA_API rova_error_t rova_soft_gpu_alloc(struct rova_gpu* gpu, size_t size, void** address);
 
 /**
- * Frees GPU memory. A region that was registered through its dma-buf keeps the bytes alive; one
- * that was registered by its address loses them.
+ * Frees GPU memory. A region that was registered through a dma-buf keeps the memory alive; one that
+ * was registered by its address does not, and must not be used afterwards.
  *
  * @param gpu      the GPU.
  * @param address  where the allocation begins.
@@ -211,11 +154,11 @@ ROVA_API rova_error_t rova_soft_gpu_alloc(struct rova_gpu* gpu, size_t size, voi
 ROVA_API rova_error_t rova_soft_gpu_free(struct rova_gpu* gpu, void* address);
 
 /**
- * Lets a GPU hand out dma-bufs (as it does from the start), or makes it refuse to. A dma-buf can
- * be had for a range that begins where an allocation begins.
+ * Says whether a GPU gives out dma-bufs; initially it does. It gives one only for a range that
+ * begins where an allocation begins.
  *
  * @param gpu        the GPU.
- * @param supported  whether it hands them out.
+ * @param supported  whether it gives them out.
  * @return ROVA_SUCCESS, or one of the general codes.
  */
 ROVA_API rova_error_t rova_soft_gpu_set_dmabuf_supported(struct rova_gpu* gpu, bool supported);
@@ -242,7 +185,9 @@ ROVA_API void rova_soft_gpu_layer_set_present(bool present);
  * @param base_address  the accelerator address of its first byte.
  * @param size          must not be 0; rounded up to whole pages. The range must not wrap.
  * @param apx           receives the accelerator; close it with rova_soft_apx_close.
- * @return ROVA_SUCCESS, or one of the general codes.
+ * @return
+ *  - ROVA_ERROR_INVALID_VALUE when `size` is 0 or the range wraps;
+ *  - ROVA_ERROR_FULL when the device has no umem id left.
  */
 ROVA_API rova_error_t rova_soft_apx_open(struct rova_dev* dev, uint64_t base_address, size_t size,
                                          struct rova_apx** apx);
@@ -262,7 +207,9 @@ ROVA_API rova_error_t rova_soft_apx_close(struct rova_apx* apx);
  * @param address  accelerator address of the first byte.
  * @param data     receives `size` bytes.
  * @param size     how many bytes to read.
- * @return ROVA_ERROR_INVALID_VALUE when the range is not all the accelerator's.
+ * @return
+ *  - ROVA_ERROR_INVALID_VALUE when a part of the range is not the accelerator's;
+ *  - ROVA_ERROR_IO_FAILED when the kernel cannot move the bytes.
  */
 ROVA_API rova_error_t rova_soft_apx_read(struct rova_apx* apx, uint64_t address, void* data,
                                          size_t size);
@@ -274,7 +221,7 @@ ROVA_API rova_error_t rova_soft_apx_read(struct rova_apx* apx, uint64_t address,
  * @param address  accelerator address of the first byte.
  * @param data     holds `size` bytes.
  * @param size     how many bytes to write.
- * @return ROVA_ERROR_INVALID_VALUE when the range is not all the accelerator's.
+ * @return the codes of rova_soft_apx_read, with writing instead of reading.
  */
 ROVA_API rova_error_t rova_soft_apx_write(struct rova_apx* apx, uint64_t address, const void* data,
                                           size_t size);

@@ -9,7 +9,10 @@ namespace soft {
 
 class device_memory {
 public:
-    /** Takes `size` bytes, rounded up to whole pages; `name` shows up in the process's maps. */
+    /**
+     * Allocates `size` bytes, rounded up to whole pages; `name` appears in the process's memory
+     * map.
+     */
     device_memory(const char* name, size_t size);
 
     void* address() const noexcept { return m_pages.get(); }
@@ -17,8 +20,8 @@ public:
     int fd() const noexcept { return m_fd.get(); }
 
 private:
-    file_descriptor m_fd;
-    mapping m_pages;
+    platform::file_descriptor m_fd;
+    platform::mapping m_pages;
 };
 
 }  // namespace soft

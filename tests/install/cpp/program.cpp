@@ -1,4 +1,4 @@
-// Hands a region over through its descriptor, and has a registration refused.
+// Exports a region and imports it, and provokes a refused registration.
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -19,7 +19,7 @@ void must(rova_error_t code, rova_error_t wanted = ROVA_SUCCESS)
 std::string through_a_descriptor(rova_dev* dev, std::string text)
 {
     priv_rova_umem* region = nullptr;
-    must(priv_rova_umem_create(dev, text.data(), text.size(), ROVA_SOFT_ACCESS_READ, &region));
+    must(priv_rova_umem_create(dev, text.data(), text.size(), ROVA_PLATFORM_ACCESS_READ, &region));
     void* descriptor = nullptr;
     size_t length = 0;
     must(priv_rova_umem_export(region, &descriptor, &length));
@@ -29,20 +29,20 @@ std::string through_a_descriptor(rova_dev* dev, std::string text)
     uint32_t id = 0;
     must(priv_rova_umem_id_get(imported, &id));
     std::string seen(text.size(), '\0');
-    must(rova_soft_dev_read(dev, id, 0, seen.data(), seen.size()));
+    must(rova_platform_dev_read(dev, id, 0, seen.data(), seen.size()));
 
     must(priv_rova_umem_destroy(imported));
     must(priv_rova_umem_destroy(region));
     return seen;
 }
 
-// The refusal travels from the platform to the component as an exception.
+// The platform reports the refusal to the component as an exception.
 void check_refusal(rova_dev* dev)
 {
     char byte = 0;
     rova_umem* region = nullptr;
-    must(rova_soft_log_set_level(ROVA_LOG_LEVEL_DISABLE));
-    must(rova_umem_create(dev, &byte, SIZE_MAX, ROVA_SOFT_ACCESS_READ, &region),
+    must(rova_platform_log_set_level(ROVA_LOG_LEVEL_DISABLE));
+    must(rova_umem_create(dev, &byte, SIZE_MAX, ROVA_PLATFORM_ACCESS_READ, &region),
          ROVA_ERROR_INVALID_VALUE);
 }
 
@@ -54,5 +54,5 @@ int main()
     must(rova_soft_dev_open(&dev));
     std::cout << through_a_descriptor(dev, "Hello, other region!") << '\n';
     check_refusal(dev);
-    must(rova_soft_dev_close(dev));
+    must(rova_platform_dev_close(dev));
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <memory>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "device_abstraction/idevice_adapter.hpp"
@@ -29,9 +30,11 @@ struct rova_umem {
 
 namespace {
 
+namespace keys = core::payload_key;
+
 int log_source = 0;
 
-// Ahead of every ordinary static constructor, so that their calls log under the right name.
+// Runs before every ordinary static constructor, so that their calls log under the right name.
 __attribute__((constructor(101))) void register_log_source()
 {
     rova_log_register_source("CORE::ROVA_UMEM", &log_source);
@@ -41,15 +44,13 @@ const uint8_t sc_umem_export_major_version = 1;
 const uint8_t sc_umem_export_minor_version = 1;
 const uint8_t sc_umem_export_major_1 = 1;
 
-const char attributes_key[] = "tlox_umem_exported_attributes";
-
 #define LOG_AT(level, ...) \
     priv_rova_log_developer(level, log_source, __FILE__, __LINE__, __func__, __VA_ARGS__)
 
 #define LOG_ERROR(...) LOG_AT(ROVA_LOG_LEVEL_ERROR, __VA_ARGS__)
 #define LOG_DEBUG(...) LOG_AT(ROVA_LOG_LEVEL_DEBUG, __VA_ARGS__)
 
-// One row of a function's table of argument checks: what is refused, and how that is said.
+// One row of a function's table of argument checks: the condition to refuse, and the message.
 #define REFUSE_IF(condition, ...)            \
     do {                                     \
         if (condition) {                     \
@@ -58,8 +59,8 @@ const char attributes_key[] = "tlox_umem_exported_attributes";
         }                                    \
     } while (false)
 
-// Reports the failure of a step and returns its code.
-#define FAIL_WITH(code, ...)          \
+// Logs the failure of a step and returns its code.
+#define RETURN_IF_FAILED(code, ...)   \
     do {                              \
         if ((code) != ROVA_SUCCESS) { \
             LOG_ERROR(__VA_ARGS__);   \
@@ -67,14 +68,14 @@ const char attributes_key[] = "tlox_umem_exported_attributes";
         }                             \
     } while (false)
 
-// The code of the exception that is being handled.
-rova_error_t converted(rova::exception::source_loc here, const char* context) noexcept
+// Logs the exception that is being handled, and gives its code.
+rova_error_t report_exception(rova::exception::source_loc here, const char* context) noexcept
 {
     return priv_rova_exception_to_rova_error_imp(here.file, static_cast<int>(here.line),
                                                  here.function, context, false);
 }
 
-// Borrowed for one operation: nobody keeps what this returns beyond the call that uses it.
+// Borrowed for one operation; not kept beyond the call that uses it.
 std::shared_ptr<device_abstraction::itlox_adapter> tlox_adapter(const rova_dev* dev) noexcept
 {
     return dev->device_adapter->get_tlox_adapter();
@@ -82,7 +83,7 @@ std::shared_ptr<device_abstraction::itlox_adapter> tlox_adapter(const rova_dev* 
 
 // Takes an object back from the caller that owned it.
 template <typename object>
-void end(object* owned)
+void reclaim(object* owned)
 {
     const std::unique_ptr<object> last_owner(owned);
 }
@@ -99,160 +100,101 @@ rova_error_t validate_export_blob_version(uint8_t major, uint8_t /*minor*/)
 
 }  // namespace
 
-/* ---- Bridge --------------------------------------------------------------------------------- */
-
-rova_error_t priv_rova_umem_bridge(priv_rova_umem* umem, priv_rova_umem_bridge_cmd cmd,
-                                   priv_rova_umem_bridge_cmd_data* data)
-{
-    const bool needs_data = cmd == PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_DMABUF ||
-                            cmd == PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_APX ||
-                            cmd == PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_FROM_EXPORT;
-    REFUSE_IF(needs_data && data == nullptr, "UMEM %p: Command %d without data",
-              static_cast<void*>(umem), static_cast<int>(cmd));
-
-    switch (cmd) {
-        case PRIV_ROVA_UMEM_BRIDGE_CMD_INIT:
-            return umem->bridge_init();
-        case PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_DMABUF:
-            return umem->bridge_init_dmabuf(data->init_dmabuf_data.dmabuf_fd,
-                                            data->init_dmabuf_data.dmabuf_offset);
-        case PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_APX:
-            return umem->bridge_init_apx(data->init_apx_data.apx);
-        case PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_FROM_EXPORT:
-            return umem->bridge_init_from_export(data->init_from_export_data.export_desc,
-                                                 data->init_from_export_data.export_desc_len);
-        case PRIV_ROVA_UMEM_BRIDGE_CMD_UNINIT:
-            return umem->bridge_uninit();
-        case PRIV_ROVA_UMEM_BRIDGE_CMD_EXPORT:
-            return umem->bridge_export();
-        case PRIV_ROVA_UMEM_BRIDGE_CMD_RELEASE:
-            return umem->bridge_release();
-    }
-    LOG_ERROR("UMEM %p: Invalid command %d", static_cast<void*>(umem), static_cast<int>(cmd));
-    return ROVA_ERROR_UNEXPECTED;
-}
-
-rova_error_t priv_rova_umem::bridge_init() noexcept
+rova_error_t rova_umem_create(const rova_dev* dev, void* address, size_t size,
+                              uint32_t access_flags, rova_umem** umem_obj)
 try {
-    std::tie(m_handle, m_id) =
-        tlox_adapter(m_dev)->register_umem(m_address, m_size, m_access_flags, m_page_size);
-    return ROVA_SUCCESS;
-} catch (...) {
-    return converted(ROVA_HERE, "Failed to register umem");
-}
+    REFUSE_IF(dev == nullptr, "Failed to create umem: parameter dev=NULL");
+    REFUSE_IF(address == nullptr, "Failed to create umem: parameter address=NULL");
+    REFUSE_IF(size == 0, "Failed to create umem: parameter size=0");
+    REFUSE_IF(umem_obj == nullptr, "Failed to create umem: parameter umem_obj=NULL");
 
-rova_error_t priv_rova_umem::bridge_init_dmabuf(int dmabuf_fd, size_t dmabuf_offset) noexcept
-try {
-    std::tie(m_handle, m_id) = tlox_adapter(m_dev)->register_umem_dmabuf(
-        dmabuf_fd, m_address, dmabuf_offset, m_size, m_access_flags, m_page_size);
-    return ROVA_SUCCESS;
-} catch (...) {
-    return converted(ROVA_HERE, "Failed to register dmabuf umem");
-}
-
-rova_error_t priv_rova_umem::bridge_init_apx(rova_apx* apx) noexcept
-{
-    const priv_rova_sub_dev_apx_ops* ops = priv_rova_sub_dev_apx_ops_get();
-    if (ops == nullptr) {
-        LOG_ERROR("APX umem %p: failed to get APX sub device ops", static_cast<void*>(this));
-        return ROVA_ERROR_INITIALIZATION;
-    }
-
-    rova_error_t code = ops->get_umem_id_cb(apx, &m_id);
-    FAIL_WITH(code, "Failed to get APX UMEM ID %s", rova_error_get_name(code));
-
-    const auto apx_address = reinterpret_cast<uint64_t>(m_address);
-    code = ops->get_umem_base_offset_cb(apx, apx_address, &m_base_offset);
-    FAIL_WITH(code, "Failed to get APX UMEM base offset %s", rova_error_get_name(code));
-    return ROVA_SUCCESS;
-}
-
-rova_error_t priv_rova_umem::bridge_init_from_export(const void* export_desc,
-                                                     size_t export_desc_len) noexcept
-try {
-    const auto importer =
-        core::priv_rova_importer::import(static_cast<const uint8_t*>(export_desc), export_desc_len);
-    const uint32_t major = importer["version"]["major"].get_uint32();
-    const uint32_t minor = importer["version"]["minor"].get_uint32();
-    LOG_DEBUG("UMEM %p: blob version = {major=%u, minor=%u}", static_cast<void*>(this), major,
-              minor);
-
-    // The gate sees the low 8 bits, as every version of the format defines them; a major beyond
-    // them that gets past it has no reader.
+    auto handle = std::make_unique<rova_umem>();
     const rova_error_t code =
-        validate_export_blob_version(static_cast<uint8_t>(major), static_cast<uint8_t>(minor));
-    if (code != ROVA_SUCCESS) {
-        return code;
-    }
-    if (major == sc_umem_export_major_1) {
-        return import_export_blob_major_1(importer);
-    }
-    LOG_DEBUG("UMEM %p: Unknown export blob major version: %u", static_cast<void*>(this), major);
-    return ROVA_ERROR_INVALID_VALUE;
-} catch (...) {
-    return converted(ROVA_HERE, "Failed to import umem from export descriptor");
-}
-
-rova_error_t priv_rova_umem::import_export_blob_major_1(
-    const core::priv_rova_importer& importer) noexcept
-try {
-    m_size = importer["size"].get_uint64();
-    m_page_size = importer["page_size"].get_uint64();
-    m_access_flags = importer["access_flags"].get_uint32();
-
-    const std::vector<uint8_t> block = importer[attributes_key].to_bytes();
-    std::tie(m_handle, m_id) = tlox_adapter(m_dev)->import_umem(block.data(), block.size());
+        priv_rova_umem_create(dev, address, size, access_flags, &handle->m_priv_umem);
+    RETURN_IF_FAILED(code, "Failed to create private umem");
+    *umem_obj = handle.release();
     return ROVA_SUCCESS;
 } catch (...) {
-    return converted(ROVA_HERE, "Failed to import umem from export descriptor");
+    return report_exception(ROVA_HERE, "Failed to create host umem");
 }
 
-rova_error_t priv_rova_umem::bridge_uninit() noexcept
+rova_error_t rova_umem_gpu_create(rova_gpu* gpu, rova_dev* dev, void* address, size_t size,
+                                  uint32_t access_flags, rova_umem** umem_obj)
+try {
+    REFUSE_IF(gpu == nullptr, "Failed to create umem: parameter gpu=NULL");
+    REFUSE_IF(size == 0, "Failed to create umem: parameter size=0");
+    REFUSE_IF(umem_obj == nullptr, "Failed to create gpu umem: parameter umem_obj=NULL");
+
+    auto handle = std::make_unique<rova_umem>();
+    const rova_error_t code =
+        priv_rova_umem_gpu_create(gpu, dev, address, size, access_flags, &handle->m_priv_umem);
+    RETURN_IF_FAILED(code, "Failed to create private gpu umem");
+    *umem_obj = handle.release();
+    return ROVA_SUCCESS;
+} catch (...) {
+    return report_exception(ROVA_HERE, "Failed to create gpu umem");
+}
+
+rova_error_t rova_umem_apx_create(rova_apx* apx, uint64_t address, size_t size,
+                                  uint32_t access_flags, rova_umem** umem_obj)
+try {
+    REFUSE_IF(apx == nullptr, "Failed to create umem: parameter apx=NULL");
+    REFUSE_IF(size == 0, "Failed to create umem: parameter size=0");
+    REFUSE_IF(umem_obj == nullptr, "Failed to create apx umem: parameter umem_obj=NULL");
+
+    auto handle = std::make_unique<rova_umem>();
+    const rova_error_t code =
+        priv_rova_umem_apx_create(apx, address, size, access_flags, &handle->m_priv_umem);
+    RETURN_IF_FAILED(code, "Failed to create private apx umem");
+    *umem_obj = handle.release();
+    return ROVA_SUCCESS;
+} catch (...) {
+    return report_exception(ROVA_HERE, "Failed to create apx umem");
+}
+
+rova_error_t rova_umem_destroy(rova_umem* umem_obj)
 {
-    return tlox_adapter(m_dev)->deregister_umem(m_handle);
-}
+    REFUSE_IF(umem_obj == nullptr, "Failed to destroy umem: parameter umem_obj=NULL");
 
-rova_error_t priv_rova_umem::bridge_export() noexcept
-try {
-    const std::vector<uint8_t> block = tlox_adapter(m_dev)->export_umem(m_handle);
-    if (block.empty()) {
-        LOG_ERROR("Failed to export umem");
-        return ROVA_ERROR_NO_MEMORY;
-    }
-
-    const core::field_arena nodes;
-    core::priv_rova_exporter exporter;
-    exporter["version"] = {{"major", sc_umem_export_major_version},
-                           {"minor", sc_umem_export_minor_version}};
-    exporter["size"] = m_size;
-    exporter["page_size"] = m_page_size;
-    exporter["access_flags"] = m_access_flags;
-    exporter[attributes_key] = core::export_proto::from_bytes(block);
-
-    const uint8_t* export_blob = nullptr;
-    size_t export_blob_length = 0;
-    exporter.export_obj(&export_blob, &export_blob_length);
-    try {
-        m_export_desc.resize(export_blob_length);
-    } catch (...) {
-        LOG_ERROR("Failed to export umem: failed to allocate memory for export descriptor");
-        return ROVA_ERROR_NO_MEMORY;
-    }
-    std::copy_n(export_blob, export_blob_length, m_export_desc.begin());
+    const rova_error_t code = priv_rova_umem_destroy(umem_obj->m_priv_umem);
+    RETURN_IF_FAILED(code, "umem %p: Failed to destroy private umem. err=%s",
+                     static_cast<void*>(umem_obj), rova_error_get_name(code));
+    reclaim(umem_obj);
     return ROVA_SUCCESS;
-} catch (...) {
-    return converted(ROVA_HERE, "Failed to export umem");
 }
 
-rova_error_t priv_rova_umem::bridge_release() noexcept
-try {
-    tlox_adapter(m_dev)->release_umem(m_handle);
-    return ROVA_SUCCESS;
-} catch (...) {
-    return converted(ROVA_HERE, "Failed to release umem");
+rova_error_t rova_umem_get_id(const rova_umem* umem_obj, uint32_t* umem_id)
+{
+    REFUSE_IF(umem_obj == nullptr, "Failed to get umem id: umem_obj=NULL");
+    REFUSE_IF(umem_id == nullptr, "Failed to get umem id: umem_id=NULL");
+
+    return priv_rova_umem_id_get(umem_obj->m_priv_umem, umem_id);
 }
 
-/* ---- Internal functions: create ------------------------------------------------------------- */
+rova_error_t rova_umem_get_size(const rova_umem* umem_obj, uint32_t* umem_size)
+{
+    REFUSE_IF(umem_obj == nullptr, "Failed to get umem size: umem_obj=NULL");
+    REFUSE_IF(umem_size == nullptr, "Failed to get umem size: umem_size=NULL");
+
+    return priv_rova_umem_size_get(umem_obj->m_priv_umem, umem_size);
+}
+
+rova_error_t rova_umem_get_address(const rova_umem* umem_obj, void** umem_addr)
+{
+    REFUSE_IF(umem_obj == nullptr, "Failed to get umem address: umem_obj=NULL");
+    REFUSE_IF(umem_addr == nullptr, "Failed to get umem address: umem_addr=NULL");
+
+    return priv_rova_umem_buffer_get(umem_obj->m_priv_umem, umem_addr);
+}
+
+priv_rova_umem* priv_rova_umem_from_rova_umem(const rova_umem* umem_obj)
+{
+    if (umem_obj == nullptr) {
+        LOG_ERROR("Failed to get priv umem instance: umem_obj=NULL");
+        return nullptr;
+    }
+    return umem_obj->m_priv_umem;
+}
 
 rova_error_t priv_rova_umem_create(const rova_dev* dev, void* address, size_t size,
                                    uint32_t access_flags, priv_rova_umem** umem_obj)
@@ -265,7 +207,7 @@ try {
     *umem_obj = std::make_unique<priv_rova_umem>(*dev, address, size, access_flags).release();
     return ROVA_SUCCESS;
 } catch (...) {
-    return converted(ROVA_HERE, "Failed to create umem");
+    return report_exception(ROVA_HERE, "Failed to create umem");
 }
 
 rova_error_t priv_rova_umem_create_pg_sz(const rova_dev* dev, void* address, size_t size,
@@ -282,7 +224,7 @@ try {
         std::make_unique<priv_rova_umem>(*dev, address, size, access_flags, page_size).release();
     return ROVA_SUCCESS;
 } catch (...) {
-    return converted(ROVA_HERE, "Failed to create umem with page size");
+    return report_exception(ROVA_HERE, "Failed to create umem with page size");
 }
 
 rova_error_t priv_rova_umem_create_dmabuf(const rova_dev* dev, void* address, size_t dmabuf_offset,
@@ -301,7 +243,7 @@ try {
                     .release();
     return ROVA_SUCCESS;
 } catch (...) {
-    return converted(ROVA_HERE, "Failed to create umem with dmabuf_fd");
+    return report_exception(ROVA_HERE, "Failed to create umem with dmabuf_fd");
 }
 
 rova_error_t priv_rova_umem_gpu_create(rova_gpu* gpu, rova_dev* dev, void* address, size_t size,
@@ -328,7 +270,7 @@ rova_error_t priv_rova_umem_gpu_create(rova_gpu* gpu, rova_dev* dev, void* addre
 
     const rova_error_t code =
         priv_rova_umem_create_pg_sz(dev, address, size, page_size, access_flags, umem_obj);
-    FAIL_WITH(code, "Failed to create private gpu umem with legacy mode");
+    RETURN_IF_FAILED(code, "Failed to create private gpu umem with legacy mode");
     return ROVA_SUCCESS;
 }
 
@@ -342,7 +284,7 @@ try {
     *umem_obj = std::make_unique<priv_rova_umem>(*apx, address, size, access_flags).release();
     return ROVA_SUCCESS;
 } catch (...) {
-    return converted(ROVA_HERE, "Failed to create apx umem");
+    return report_exception(ROVA_HERE, "Failed to create apx umem");
 }
 
 rova_error_t priv_rova_umem_create_from_export(const rova_dev* dev, const void* export_desc,
@@ -359,10 +301,8 @@ try {
         std::make_unique<priv_rova_umem>(*dev, export_desc, export_desc_len, address).release();
     return ROVA_SUCCESS;
 } catch (...) {
-    return converted(ROVA_HERE, "Failed to create umem from export descriptor");
+    return report_exception(ROVA_HERE, "Failed to create umem from export descriptor");
 }
-
-/* ---- Internal functions: use ---------------------------------------------------------------- */
 
 rova_error_t priv_rova_umem_export(priv_rova_umem* umem_obj, void** export_desc,
                                    size_t* export_desc_len)
@@ -420,15 +360,13 @@ rova_error_t priv_rova_umem_base_offset_get(const priv_rova_umem* umem_obj,
     return ROVA_SUCCESS;
 }
 
-/* ---- Internal functions: end ---------------------------------------------------------------- */
-
 rova_error_t priv_rova_umem_release(priv_rova_umem* umem_obj)
 {
     REFUSE_IF(umem_obj == nullptr, "Failed to release umem: umem_obj=NULL");
 
     const rova_error_t code = umem_obj->release();
-    FAIL_WITH(code, "Failed to release umem: %s", rova_error_get_name(code));
-    end(umem_obj);
+    RETURN_IF_FAILED(code, "Failed to release umem: %s", rova_error_get_name(code));
+    reclaim(umem_obj);
     return ROVA_SUCCESS;
 }
 
@@ -437,111 +375,161 @@ rova_error_t priv_rova_umem_destroy(priv_rova_umem* umem_obj)
     REFUSE_IF(umem_obj == nullptr, "Failed to destroy umem: parameter umem_obj=NULL");
 
     const rova_error_t code = umem_obj->dereg();
-    FAIL_WITH(code, "umem %p: Failed to destroy umem. err=%s", static_cast<void*>(umem_obj),
-              rova_error_get_name(code));
-    end(umem_obj);
+    RETURN_IF_FAILED(code, "umem %p: Failed to destroy umem. err=%s", static_cast<void*>(umem_obj),
+                     rova_error_get_name(code));
+    reclaim(umem_obj);
     return ROVA_SUCCESS;
 }
 
-/* ---- Public functions ----------------------------------------------------------------------- */
-
-rova_error_t rova_umem_create(const rova_dev* dev, void* address, size_t size,
-                              uint32_t access_flags, rova_umem** umem_obj)
-try {
-    REFUSE_IF(dev == nullptr, "Failed to create umem: parameter dev=NULL");
-    REFUSE_IF(address == nullptr, "Failed to create umem: parameter address=NULL");
-    REFUSE_IF(size == 0, "Failed to create umem: parameter size=0");
-    REFUSE_IF(umem_obj == nullptr, "Failed to create umem: parameter umem_obj=NULL");
-
-    auto handle = std::make_unique<rova_umem>();
-    const rova_error_t code =
-        priv_rova_umem_create(dev, address, size, access_flags, &handle->m_priv_umem);
-    FAIL_WITH(code, "Failed to create private umem");
-    *umem_obj = handle.release();
-    return ROVA_SUCCESS;
-} catch (...) {
-    return converted(ROVA_HERE, "Failed to create host umem");
-}
-
-rova_error_t rova_umem_gpu_create(rova_gpu* gpu, rova_dev* dev, void* address, size_t size,
-                                  uint32_t access_flags, rova_umem** umem_obj)
-try {
-    REFUSE_IF(gpu == nullptr, "Failed to create umem: parameter gpu=NULL");
-    REFUSE_IF(size == 0, "Failed to create umem: parameter size=0");
-    REFUSE_IF(umem_obj == nullptr, "Failed to create gpu umem: parameter umem_obj=NULL");
-
-    auto handle = std::make_unique<rova_umem>();
-    const rova_error_t code =
-        priv_rova_umem_gpu_create(gpu, dev, address, size, access_flags, &handle->m_priv_umem);
-    FAIL_WITH(code, "Failed to create private gpu umem");
-    *umem_obj = handle.release();
-    return ROVA_SUCCESS;
-} catch (...) {
-    return converted(ROVA_HERE, "Failed to create gpu umem");
-}
-
-rova_error_t rova_umem_apx_create(rova_apx* apx, uint64_t address, size_t size,
-                                  uint32_t access_flags, rova_umem** umem_obj)
-try {
-    REFUSE_IF(apx == nullptr, "Failed to create umem: parameter apx=NULL");
-    REFUSE_IF(size == 0, "Failed to create umem: parameter size=0");
-    REFUSE_IF(umem_obj == nullptr, "Failed to create apx umem: parameter umem_obj=NULL");
-
-    auto handle = std::make_unique<rova_umem>();
-    const rova_error_t code =
-        priv_rova_umem_apx_create(apx, address, size, access_flags, &handle->m_priv_umem);
-    FAIL_WITH(code, "Failed to create private apx umem");
-    *umem_obj = handle.release();
-    return ROVA_SUCCESS;
-} catch (...) {
-    return converted(ROVA_HERE, "Failed to create apx umem");
-}
-
-rova_error_t rova_umem_destroy(rova_umem* umem_obj)
+rova_error_t priv_rova_umem_bridge(priv_rova_umem* umem, priv_rova_umem_bridge_cmd cmd,
+                                   priv_rova_umem_bridge_cmd_data* data)
 {
-    REFUSE_IF(umem_obj == nullptr, "Failed to destroy umem: parameter umem_obj=NULL");
+    const bool needs_data = cmd == PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_DMABUF ||
+                            cmd == PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_APX ||
+                            cmd == PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_FROM_EXPORT;
+    REFUSE_IF(needs_data && data == nullptr, "UMEM %p: Command %d without data",
+              static_cast<void*>(umem), static_cast<int>(cmd));
 
-    const rova_error_t code = priv_rova_umem_destroy(umem_obj->m_priv_umem);
-    FAIL_WITH(code, "umem %p: Failed to destroy private umem. err=%s", static_cast<void*>(umem_obj),
-              rova_error_get_name(code));
-    end(umem_obj);
-    return ROVA_SUCCESS;
-}
-
-rova_error_t rova_umem_get_id(const rova_umem* umem_obj, uint32_t* umem_id)
-{
-    REFUSE_IF(umem_obj == nullptr, "Failed to get umem id: umem_obj=NULL");
-    REFUSE_IF(umem_id == nullptr, "Failed to get umem id: umem_id=NULL");
-
-    return priv_rova_umem_id_get(umem_obj->m_priv_umem, umem_id);
-}
-
-rova_error_t rova_umem_get_size(const rova_umem* umem_obj, uint32_t* umem_size)
-{
-    REFUSE_IF(umem_obj == nullptr, "Failed to get umem size: umem_obj=NULL");
-    REFUSE_IF(umem_size == nullptr, "Failed to get umem size: umem_size=NULL");
-
-    return priv_rova_umem_size_get(umem_obj->m_priv_umem, umem_size);
-}
-
-rova_error_t rova_umem_get_address(const rova_umem* umem_obj, void** umem_addr)
-{
-    REFUSE_IF(umem_obj == nullptr, "Failed to get umem address: umem_obj=NULL");
-    REFUSE_IF(umem_addr == nullptr, "Failed to get umem address: umem_addr=NULL");
-
-    return priv_rova_umem_buffer_get(umem_obj->m_priv_umem, umem_addr);
-}
-
-priv_rova_umem* priv_rova_umem_from_rova_umem(const rova_umem* umem_obj)
-{
-    if (umem_obj == nullptr) {
-        LOG_ERROR("Failed to get priv umem instance: umem_obj=NULL");
-        return nullptr;
+    switch (cmd) {
+        case PRIV_ROVA_UMEM_BRIDGE_CMD_INIT:
+            return umem->bridge_init();
+        case PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_DMABUF:
+            return umem->bridge_init_dmabuf(data->init_dmabuf_data.dmabuf_fd,
+                                            data->init_dmabuf_data.dmabuf_offset);
+        case PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_APX:
+            return umem->bridge_init_apx(data->init_apx_data.apx);
+        case PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_FROM_EXPORT:
+            return umem->bridge_init_from_export(data->init_from_export_data.export_desc,
+                                                 data->init_from_export_data.export_desc_len);
+        case PRIV_ROVA_UMEM_BRIDGE_CMD_UNINIT:
+            return umem->bridge_uninit();
+        case PRIV_ROVA_UMEM_BRIDGE_CMD_EXPORT:
+            return umem->bridge_export();
+        case PRIV_ROVA_UMEM_BRIDGE_CMD_RELEASE:
+            return umem->bridge_release();
     }
-    return umem_obj->m_priv_umem;
+    LOG_ERROR("UMEM %p: Invalid command %d", static_cast<void*>(umem), static_cast<int>(cmd));
+    return ROVA_ERROR_UNEXPECTED;
 }
 
-/* ---- Version -------------------------------------------------------------------------------- */
+rova_error_t priv_rova_umem::bridge_init() noexcept
+try {
+    std::tie(m_handle, m_id) =
+        tlox_adapter(m_dev)->register_umem(m_address, m_size, m_access_flags, m_page_size);
+    return ROVA_SUCCESS;
+} catch (...) {
+    return report_exception(ROVA_HERE, "Failed to register umem");
+}
+
+rova_error_t priv_rova_umem::bridge_init_dmabuf(int dmabuf_fd, size_t dmabuf_offset) noexcept
+try {
+    std::tie(m_handle, m_id) = tlox_adapter(m_dev)->register_umem_dmabuf(
+        dmabuf_fd, m_address, dmabuf_offset, m_size, m_access_flags, m_page_size);
+    return ROVA_SUCCESS;
+} catch (...) {
+    return report_exception(ROVA_HERE, "Failed to register dmabuf umem");
+}
+
+rova_error_t priv_rova_umem::bridge_init_apx(rova_apx* apx) noexcept
+{
+    const priv_rova_sub_dev_apx_ops* ops = priv_rova_sub_dev_apx_ops_get();
+    if (ops == nullptr) {
+        LOG_ERROR("APX umem %p: failed to get APX sub device ops", static_cast<void*>(this));
+        return ROVA_ERROR_INITIALIZATION;
+    }
+
+    rova_error_t code = ops->get_umem_id_cb(apx, &m_id);
+    RETURN_IF_FAILED(code, "Failed to get APX UMEM ID %s", rova_error_get_name(code));
+
+    const auto apx_address = reinterpret_cast<uint64_t>(m_address);
+    code = ops->get_umem_base_offset_cb(apx, apx_address, &m_base_offset);
+    RETURN_IF_FAILED(code, "Failed to get APX UMEM base offset %s", rova_error_get_name(code));
+    return ROVA_SUCCESS;
+}
+
+rova_error_t priv_rova_umem::bridge_init_from_export(const void* export_desc,
+                                                     size_t export_desc_len) noexcept
+try {
+    const auto importer =
+        core::priv_rova_importer::import(static_cast<const uint8_t*>(export_desc), export_desc_len);
+    const uint32_t major = importer[keys::version][keys::version_major].get_uint32();
+    const uint32_t minor = importer[keys::version][keys::version_minor].get_uint32();
+    LOG_DEBUG("UMEM %p: blob version = {major=%u, minor=%u}", static_cast<void*>(this), major,
+              minor);
+
+    // The version check sees only the low 8 bits, as the format defines it. A larger major that
+    // passes the check is refused below.
+    const rova_error_t code =
+        validate_export_blob_version(static_cast<uint8_t>(major), static_cast<uint8_t>(minor));
+    if (code != ROVA_SUCCESS) {
+        return code;
+    }
+    if (major == sc_umem_export_major_1) {
+        return import_export_blob_major_1(importer);
+    }
+    LOG_DEBUG("UMEM %p: Unknown export blob major version: %u", static_cast<void*>(this), major);
+    return ROVA_ERROR_INVALID_VALUE;
+} catch (...) {
+    return report_exception(ROVA_HERE, "Failed to import umem from export descriptor");
+}
+
+rova_error_t priv_rova_umem::import_export_blob_major_1(
+    const core::priv_rova_importer& importer) noexcept
+try {
+    m_size = importer[keys::size].get_uint64();
+    m_page_size = importer[keys::page_size].get_uint64();
+    m_access_flags = importer[keys::access_flags].get_uint32();
+
+    const std::vector<uint8_t> block = importer[keys::device_block].to_bytes();
+    std::tie(m_handle, m_id) = tlox_adapter(m_dev)->import_umem(block.data(), block.size());
+    return ROVA_SUCCESS;
+} catch (...) {
+    return report_exception(ROVA_HERE, "Failed to import umem from export descriptor");
+}
+
+rova_error_t priv_rova_umem::bridge_uninit() noexcept
+{
+    return tlox_adapter(m_dev)->deregister_umem(m_handle);
+}
+
+rova_error_t priv_rova_umem::bridge_export() noexcept
+try {
+    std::vector<uint8_t> block = tlox_adapter(m_dev)->export_umem(m_handle);
+    if (block.empty()) {
+        LOG_ERROR("Failed to export umem");
+        return ROVA_ERROR_NO_MEMORY;
+    }
+
+    core::priv_rova_exporter exporter;
+    exporter[keys::version] = {{keys::version_major, sc_umem_export_major_version},
+                               {keys::version_minor, sc_umem_export_minor_version}};
+    exporter[keys::size] = m_size;
+    exporter[keys::page_size] = m_page_size;
+    exporter[keys::access_flags] = m_access_flags;
+    exporter[keys::device_block] = core::export_proto::from_bytes(std::move(block));
+
+    const uint8_t* export_blob = nullptr;
+    size_t export_blob_length = 0;
+    exporter.export_obj(&export_blob, &export_blob_length);
+    try {
+        m_export_desc.resize(export_blob_length);
+    } catch (...) {
+        LOG_ERROR("Failed to export umem: failed to allocate memory for export descriptor");
+        return ROVA_ERROR_NO_MEMORY;
+    }
+    std::copy_n(export_blob, export_blob_length, m_export_desc.begin());
+    return ROVA_SUCCESS;
+} catch (...) {
+    return report_exception(ROVA_HERE, "Failed to export umem");
+}
+
+rova_error_t priv_rova_umem::bridge_release() noexcept
+try {
+    tlox_adapter(m_dev)->release_umem(m_handle);
+    return ROVA_SUCCESS;
+} catch (...) {
+    return report_exception(ROVA_HERE, "Failed to release umem");
+}
 
 #define AS_TEXT(number) #number
 #define DOTTED(major, minor, patch) AS_TEXT(major) "." AS_TEXT(minor) "." AS_TEXT(patch)

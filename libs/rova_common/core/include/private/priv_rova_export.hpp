@@ -5,7 +5,7 @@
  * The export framework: how a component describes an object to another process.
  *
  * An object is described as a tree of typed fields, which is printed as JSON and wrapped in an
- * envelope; the bytes that come out are the export descriptor. The reader goes the same way back.
+ * envelope; the bytes that come out are the export descriptor. Reading reverses these steps.
  * From the bytes up, this header holds
  *
  *   1. the envelope:    export_header, export_header_0_0, export_header_factory
@@ -14,39 +14,38 @@
  *   4. JSON:            json_c_serializer, a tree to text and text to a tree
  *   5. both ends:       priv_rova_exporter, priv_rova_importer
  *
- * Failures are thrown and caught by the exported functions of the component; nothing here catches.
- * What the framework refuses it refuses with a rova::exception, which has a code and the place;
- * std::bad_alloc, and std::out_of_range from an array's `at`, pass as they are. Where json-c gives
- * what it never should, it is a std::logic_error (no text) or a std::runtime_error (no such type).
+ * Failures are thrown. Nothing in this header catches them; the exported functions of the component
+ * do. When the framework refuses something, it throws a rova::exception with a code and the place.
+ * It lets std::bad_alloc pass, and std::out_of_range from an array's `at`. It throws a
+ * std::logic_error when json-c gives no text, and a std::runtime_error for a type of value that
+ * json-c does not define.
  * Objects are used by one thread at a time, and separate trees are independent; a node may be
- * released on another thread than it was made on.
+ * released by another thread than the one that made it.
  *
  * @{
  */
 #pragma once
 
-#include <locale.h>
-
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
 #include <limits>
-#include <list>
-#include <map>
 #include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
 #include <json-c/json.h>
 
+#include "priv_rova_export_bytes.hpp"
+#include "priv_rova_export_json_c.hpp"
+#include "priv_rova_export_members.hpp"
 #include "priv_rova_utils.hpp"
 #include "rova_exception.hpp"
 
@@ -61,73 +60,14 @@ namespace core {
 /** Bytes that the holder owns, and their number. */
 using export_buf_ptr = std::pair<std::vector<uint8_t>, uint32_t>;
 
-/** The first 12 bytes of a descriptor, each field little-endian, in this order. */
-struct common_header {
-    uint32_t crc;                 /**< over the whole descriptor, with this field 0 */
-    uint16_t major_minor_version; /**< major in the top 6 bits, minor in the low 10 */
-    uint16_t header_length;       /**< where the payload begins */
-    uint32_t payload_length;      /**< how long it is */
-
-    static constexpr size_t size_bytes = 12;
-
-    static common_header read(const uint8_t* bytes)
-    {
-        return {read_32(bytes), read_16(bytes + 4), read_16(bytes + 6), read_32(bytes + 8)};
-    }
-
-    void write(uint8_t* bytes) const
-    {
-        write_32(bytes, crc);
-        write_16(bytes + 4, major_minor_version);
-        write_16(bytes + 6, header_length);
-        write_32(bytes + 8, payload_length);
-    }
-
-private:
-    static uint16_t read_16(const uint8_t* bytes)
-    {
-        return static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
-    }
-
-    static uint32_t read_32(const uint8_t* bytes)
-    {
-        return read_16(bytes) | static_cast<uint32_t>(read_16(bytes + 2)) << 16;
-    }
-
-    static void write_16(uint8_t* bytes, uint16_t value)
-    {
-        bytes[0] = static_cast<uint8_t>(value);
-        bytes[1] = static_cast<uint8_t>(value >> 8);
-    }
-
-    static void write_32(uint8_t* bytes, uint32_t value)
-    {
-        write_16(bytes, static_cast<uint16_t>(value));
-        write_16(bytes + 2, static_cast<uint16_t>(value >> 16));
-    }
-};
-
-static_assert(sizeof(common_header) == common_header::size_bytes, "no padding between the fields");
-
-/** The checksum that belongs into a descriptor's first field, which counts as 0. */
-inline uint32_t descriptor_checksum(const uint8_t* blob, size_t blob_length)
-{
-    const uint8_t no_crc[sizeof(common_header::crc)] = {};
-    uint32_t state = priv_rova_utils_crc32_start;
-    state = priv_rova_utils_crc32_normal_update(state, no_crc, sizeof(no_crc));
-    state = priv_rova_utils_crc32_normal_update(state, blob + sizeof(no_crc),
-                                                blob_length - sizeof(no_crc));
-    return ~state;
-}
-
 /**
  * An envelope version whose major number is known and whose minor is not: its payload can be read,
- * but it cannot be written. Without state.
+ * but it cannot be written. It has no state.
  */
 class export_header {
 public:
-    /** Where the key stream of the scrambling starts. The same in every process. */
-    static constexpr char xor_key = 0x4E;
+    /** The key that the first byte is scrambled with. It is the same in every process. */
+    static constexpr char xor_key = scrambling_key;
 
     virtual ~export_header() = default;
 
@@ -146,7 +86,7 @@ public:
         return {std::move(payload), header.payload_length};
     }
 
-    /** The descriptor around a payload; here always refused. */
+    /** Puts a payload into a descriptor; for this class always refused. */
     virtual export_buf_ptr serialize(const uint8_t* /*payload*/, uint32_t /*payload_length*/)
     {
         throw rova::exception(ROVA_ERROR_UNSUPPORTED_VERSION,
@@ -154,7 +94,7 @@ public:
     }
 };
 
-/** Envelope version 0.0, the one that is written. Without state. */
+/** Envelope version 0.0, the one that is written. It has no state. */
 class export_header_0_0 : public export_header {
 public:
     export_buf_ptr get_payload(const uint8_t* blob, size_t blob_length) const override
@@ -180,13 +120,13 @@ public:
     }
 };
 
-/** Finds the envelope version that a descriptor was written in, or that one is to be written in. */
+/** Makes the envelope of a version: that of a received descriptor, or the one to write. */
 class export_header_factory {
 public:
     using export_ptr = std::shared_ptr<export_header>;
 
-    static constexpr unsigned major_num_bits = 6;
-    static constexpr unsigned minor_num_bits = 10;
+    static constexpr unsigned major_num_bits = common_header::major_num_bits;
+    static constexpr unsigned minor_num_bits = common_header::minor_num_bits;
 
     static uint8_t latest_export_major() { return 0; }
     static uint16_t latest_export_minor() { return 0; }
@@ -209,9 +149,8 @@ public:
     }
 
     /**
-     * Accepts or refuses a received descriptor, which may hold anything.
-     *
-     * The reader copies nothing, and reads nothing beyond `length`.
+     * Accepts or refuses a received descriptor, which may hold any bytes. Copies nothing, and reads
+     * nothing beyond `length`.
      */
     static export_ptr evaluate(const uint8_t* blob, size_t length)
     {
@@ -224,16 +163,14 @@ public:
                                   ROVA_HERE);
         }
         const common_header header = common_header::read(blob);
-        if (uint64_t{header.header_length} + header.payload_length != length) {
+        if (header.descriptor_length() != length) {
             throw rova::exception(ROVA_ERROR_INVALID_VALUE, "blob length is smaller than expected",
                                   ROVA_HERE);
         }
         if (descriptor_checksum(blob, length) != header.crc) {
             throw rova::exception(ROVA_ERROR_INVALID_VALUE, "invalid export_header crc", ROVA_HERE);
         }
-        const uint16_t minor_mask = (1U << minor_num_bits) - 1;
-        return create({static_cast<uint8_t>(header.major_minor_version >> minor_num_bits),
-                       static_cast<uint16_t>(header.major_minor_version & minor_mask)});
+        return create({header.major_version(), header.minor_version()});
     }
 };
 
@@ -245,140 +182,42 @@ public:
  * @{
  */
 
-/**
- * Memory for the nodes of a tree.
- *
- * A tree has a node for every byte of a device block, and an allocation for each would be a good
- * part of what an export costs. While an arena lives, the nodes that its thread makes come out of
- * its blocks; each block lives until the arena has moved on and its last node is gone, wherever and
- * whenever that is. Arenas of one thread end in the reverse order of their beginning.
- */
-class field_arena {
+class export_field;
+class export_field_uint32;
+class export_field_uint64;
+class export_field_double;
+class export_field_null;
+class export_field_bool;
+class export_field_string;
+class export_field_array;
+class export_field_object;
+
+/** Turns a tree into text by visiting its nodes, and text into a tree. */
+class export_field_serializer {
 public:
-    field_arena() : m_outer(std::exchange(current, this)) {}
-    field_arena(const field_arena&) = delete;
-    field_arena& operator=(const field_arena&) = delete;
+    virtual ~export_field_serializer() = default;
 
-    ~field_arena() { current = m_outer; }
+    virtual void visit(const export_field_uint32& /*field*/) {}
+    virtual void visit(const export_field_uint64& /*field*/) {}
+    virtual void visit(const export_field_double& /*field*/) {}
+    virtual void visit(const export_field_null& /*field*/) {}
+    virtual void visit(const export_field_bool& /*field*/) {}
+    virtual void visit(const export_field_string& /*field*/) {}
+    virtual void visit(const export_field_array& /*field*/) {}
+    virtual void visit(const export_field_object& /*field*/) {}
 
-    /** Makes a node, in the arena of this thread if there is one. */
-    template <typename field, typename... arguments>
-    static std::shared_ptr<field> make(arguments&&... args)
-    {
-        allocator<field> nodes{current != nullptr ? current->block_with_room() : nullptr};
-        return std::allocate_shared<field>(nodes, std::forward<arguments>(args)...);
-    }
+    /** Gives the text of the visited tree, which is valid until the serializer is used again. */
+    virtual void serialize(const uint8_t** blob, uint32_t* blob_length) = 0;
 
-private:
-    // Room for any node with what the shared pointer adds to it.
-    static constexpr size_t largest_node_bytes = 128;
-    static constexpr size_t node_alignment = alignof(void*);
-    static constexpr size_t block_bytes = 976;
-
-    class block {
-    public:
-        bool has_room() const { return block_bytes - m_used >= largest_node_bytes; }
-
-        void* take(size_t bytes)
-        {
-            void* const node = m_nodes + m_used;
-            m_used += bytes;
-            ++m_taken;
-            return node;
-        }
-
-        void give_back() { drop(1); }
-
-        /** No node is taken from it any more: from here on, those that were taken count. */
-        void close() { drop(never_reached - m_taken); }
-
-    private:
-        // Counted from far above, so that taking a node needs no atomic operation.
-        static constexpr size_t never_reached = block_bytes;
-
-        void drop(size_t count)
-        {
-            if (m_left.fetch_sub(count, std::memory_order_acq_rel) == count) {
-                const std::unique_ptr<block> last_owner(this);
-            }
-        }
-
-        std::atomic<size_t> m_left{never_reached};
-        size_t m_taken = 0;
-        size_t m_used = 0;
-        alignas(node_alignment) unsigned char m_nodes[block_bytes];
-    };
-
-    struct close_block {
-        void operator()(block* left) const { left->close(); }
-    };
-
-    /** Remembers in each node where it came from: a block, or the heap where there was no arena. */
-    template <typename T>
-    struct allocator {
-        using value_type = T;
-
-        explicit allocator(block* from) : m_block(from) {}
-        template <typename U>
-        allocator(const allocator<U>& other) : m_block(other.m_block)
-        {}
-
-        T* allocate(size_t count)
-        {
-            static_assert(sizeof(T) <= largest_node_bytes && alignof(T) <= node_alignment &&
-                          sizeof(T) % node_alignment == 0);
-            if (m_block == nullptr) {
-                return std::allocator<T>().allocate(count);
-            }
-            return static_cast<T*>(m_block->take(count * sizeof(T)));
-        }
-
-        void deallocate(T* node, size_t count)
-        {
-            if (m_block != nullptr) {
-                m_block->give_back();
-            } else {
-                std::allocator<T>().deallocate(node, count);
-            }
-        }
-
-        template <typename U>
-        bool operator==(const allocator<U>& other) const
-        {
-            return m_block == other.m_block;
-        }
-        template <typename U>
-        bool operator!=(const allocator<U>& other) const
-        {
-            return m_block != other.m_block;
-        }
-
-        block* m_block;
-    };
-
-    block* block_with_room()
-    {
-        if (m_block == nullptr || !m_block->has_room()) {
-            m_block.reset();
-            m_block.reset(new block);
-        }
-        return m_block.get();
-    }
-
-    // Where it lies is settled when the library is loaded: a thread's first use needs no memory.
-    [[gnu::tls_model("initial-exec")]] static inline thread_local field_arena* current = nullptr;
-
-    field_arena* m_outer;
-    std::unique_ptr<block, close_block> m_block;
+    /** Parses a text into a tree, which the caller owns. */
+    virtual export_field* deserialize(const uint8_t* blob, uint32_t blob_length) = 0;
 };
-
-class export_field_serializer;
 
 /**
  * A node of a field tree.
  *
- * Every operation that some class offers is declared here and refused by default, so that a caller
- * can ask any node anything and gets the value or an exception that says what was wrong.
+ * Every operation of any derived class is declared here and refused by default. So a caller can
+ * apply each operation to each node, and gets the result or an exception that says what was wrong.
  *
  * Nodes live on the heap behind shared pointers: a container shares its children, and protos and
  * iterators share the node they stand for. `parent` does not own; it names the container that
@@ -389,12 +228,12 @@ public:
     enum class type : uint32_t { unknown, null, number, boolean, string, array, object };
 
     /**
-     * Walks the elements of an array: it stands on a node, which it shares, and finds the next one
-     * through the node's parent. Past the end it stands on nothing.
+     * Iterates over an array. It shares the current node, and finds the next one through the node's
+     * parent. Past the end it has no node.
      */
     class iterator {
     public:
-        explicit iterator(std::shared_ptr<const export_field> ptr) : ptr(std::move(ptr)) {}
+        explicit iterator(std::shared_ptr<const export_field> node) : ptr(std::move(node)) {}
 
         const export_field& operator*() const { return *ptr; }
         bool operator!=(const iterator& other) const { return ptr != other.ptr; }
@@ -402,9 +241,9 @@ public:
         iterator operator++()
         {
             ++idx;
-            const export_field* parent = ptr->get_parent();
-            if (idx < parent->length()) {
-                ptr = parent->at(idx);
+            const export_field* const container = ptr->get_parent();
+            if (idx < container->length()) {
+                ptr = container->at(idx);
             } else {
                 ptr.reset();
             }
@@ -416,14 +255,13 @@ public:
         size_t idx = 0;
     };
 
+    // Nodes are neither copied nor moved, those of derived classes included.
     export_field(const export_field&) = delete;
-    export_field(export_field&&) = delete;
     export_field& operator=(const export_field&) = delete;
-    export_field& operator=(export_field&&) = delete;
 
     virtual ~export_field() = default;
 
-    // Begin and end of what is no array are the same place, which shares nothing with the owners.
+    // A node that is not an array has nothing to iterate over: begin equals end.
     virtual const iterator begin() const { return iterator(unowned()); }
     virtual const iterator end() const { return iterator(unowned()); }
 
@@ -449,7 +287,7 @@ public:
     }
 
     virtual export_field* get_parent() const { return parent; }
-    virtual void set_parent(export_field* new_parent) { parent = new_parent; }
+    virtual void set_parent(export_field* container) { parent = container; }
 
     virtual std::shared_ptr<export_field> at(size_t /*pos*/) const
     {
@@ -520,7 +358,7 @@ public:
     }
 
 protected:
-    export_field(enum type type, export_field* parent) : parent(parent), type(type) {}
+    export_field(enum type tag, export_field* container) : parent(container), type(tag) {}
 
     export_field* parent;
     enum type type;
@@ -535,11 +373,11 @@ private:
 /** An unsigned 32-bit number. */
 class export_field_uint32 : public export_field {
 public:
-    export_field_uint32(uint32_t val, export_field* parent)
-        : export_field(type::number, parent), val(val)
+    export_field_uint32(uint32_t number, export_field* container)
+        : export_field(type::number, container), val(number)
     {}
 
-    void accept(export_field_serializer& serializer) const override;
+    void accept(export_field_serializer& s) const override { s.visit(*this); }
     uint32_t get_uint32() const override { return val; }
     uint64_t get_uint64() const override { return val; }
 
@@ -550,13 +388,13 @@ private:
 /** An unsigned 64-bit number, and every integer that was read from a descriptor. */
 class export_field_uint64 : public export_field {
 public:
-    export_field_uint64(uint64_t val, export_field* parent)
-        : export_field(type::number, parent), val(val)
+    export_field_uint64(uint64_t number, export_field* container)
+        : export_field(type::number, container), val(number)
     {}
 
-    void accept(export_field_serializer& serializer) const override;
+    void accept(export_field_serializer& s) const override { s.visit(*this); }
 
-    /** The low 32 bits: a 32-bit value that was printed as a negative number comes back whole. */
+    /** The low 32 bits: a 32-bit value that was printed as a negative number is unchanged. */
     uint32_t get_uint32() const override { return static_cast<uint32_t>(val); }
     uint64_t get_uint64() const override { return val; }
 
@@ -567,10 +405,11 @@ private:
 /** A floating-point number, which is never read as an integer. */
 class export_field_double : public export_field {
 public:
-    export_field_double(double d, export_field* parent) : export_field(type::number, parent), val(d)
+    export_field_double(double d, export_field* container)
+        : export_field(type::number, container), val(d)
     {}
 
-    void accept(export_field_serializer& serializer) const override;
+    void accept(export_field_serializer& s) const override { s.visit(*this); }
     double get_double() const override { return val; }
 
 private:
@@ -580,9 +419,11 @@ private:
 /** True or false. */
 class export_field_bool : public export_field {
 public:
-    export_field_bool(bool b, export_field* parent) : export_field(type::boolean, parent), val(b) {}
+    export_field_bool(bool b, export_field* container)
+        : export_field(type::boolean, container), val(b)
+    {}
 
-    void accept(export_field_serializer& serializer) const override;
+    void accept(export_field_serializer& s) const override { s.visit(*this); }
     bool get_bool() const override { return val; }
 
 private:
@@ -592,25 +433,25 @@ private:
 /** A text. */
 class export_field_string : public export_field {
 public:
-    export_field_string(std::string s, export_field* parent)
-        : export_field(type::string, parent), val(std::move(s))
+    export_field_string(std::string s, export_field* container)
+        : export_field(type::string, container), val(std::move(s))
     {}
 
-    void accept(export_field_serializer& serializer) const override;
+    void accept(export_field_serializer& s) const override { s.visit(*this); }
     std::string get_string() const override { return val; }
 
 private:
     std::string val;
 };
 
-/** Nothing, and what is found by looking for something in nothing. */
+/** A null value. A lookup in it gives another null value. */
 class export_field_null : public export_field {
 public:
-    export_field_null(std::nullptr_t /*val*/, export_field* parent)
-        : export_field(type::null, parent)
+    export_field_null(std::nullptr_t /*val*/, export_field* container)
+        : export_field(type::null, container)
     {}
 
-    void accept(export_field_serializer& serializer) const override;
+    void accept(export_field_serializer& s) const override { s.visit(*this); }
 
     // A chain of lookups through a missing member ends in a null node, whose typed getter then
     // says that the value is not there. The new node is not kept.
@@ -623,107 +464,130 @@ public:
 private:
     std::shared_ptr<export_field> child()
     {
-        return field_arena::make<export_field_null>(nullptr, this);
+        return std::make_shared<export_field_null>(nullptr, this);
     }
 };
 
-/** Nodes in the order in which they were added. Shares its elements. */
+/**
+ * Nodes in the order in which they were added. Shares its elements.
+ *
+ * An array made from bytes stores only the bytes. The first access to an element, or an addition,
+ * turns all of them into nodes for good. A device block is written and read without that.
+ */
 class export_field_array : public export_field {
 public:
-    explicit export_field_array(export_field* parent) : export_field(type::array, parent) {}
+    /** The class of the nodes that stand for bytes. */
+    enum class byte_class { uint32, uint64 };
+
+    explicit export_field_array(export_field* container) : export_field(type::array, container) {}
+
+    export_field_array(std::vector<uint8_t> numbers, byte_class node_class, export_field* container)
+        : export_field(type::array, container), bytes(std::move(numbers)), bytes_are(node_class)
+    {}
 
     using export_field::operator[];
 
-    const iterator begin() const override { return vec.empty() ? end() : iterator(vec.front()); }
+    const iterator begin() const override
+    {
+        return elements().empty() ? end() : iterator(vec.front());
+    }
     const iterator end() const override { return iterator(nullptr); }
 
-    void accept(export_field_serializer& serializer) const override;
+    void accept(export_field_serializer& s) const override { s.visit(*this); }
 
     void add(const std::string& /*id*/, std::shared_ptr<export_field> val) override
     {
+        make_nodes();
         vec.push_back(std::move(val));
         vec.back()->set_parent(this);
     }
 
-    std::shared_ptr<export_field> at(size_t pos) const override { return vec.at(pos); }
-    size_t length() const override { return vec.size(); }
-    std::shared_ptr<export_field> operator[](size_t index) override { return vec[index]; }
+    std::shared_ptr<export_field> at(size_t pos) const override { return elements().at(pos); }
+    size_t length() const override { return bytes.size() + vec.size(); }
+    std::shared_ptr<export_field> operator[](size_t index) override { return elements()[index]; }
 
-    /** Two elements of which the first is a string: how a braced list writes a member. */
+    /** Whether this stands for a member in a braced list: two elements, the first a string. */
     bool is_key_val_pair() const override { return vec.size() == 2 && vec[0]->is_string(); }
 
-    void reserve(size_t count) { vec.reserve(count); }
-
-    /** Makes the next element. A device block has one for each of its bytes. */
-    template <typename field, typename value>
-    void append(value val)
+    const std::vector<std::shared_ptr<export_field>>& elements() const
     {
-        vec.push_back(field_arena::make<field>(val, this));
+        make_nodes();
+        return vec;
     }
 
-    const std::vector<std::shared_ptr<export_field>>& elements() const { return vec; }
+    /** The elements, if they are stored as bytes; otherwise empty. */
+    const std::vector<uint8_t>& kept_bytes() const { return bytes; }
+    byte_class kept_bytes_are() const { return bytes_are; }
 
 private:
-    std::vector<std::shared_ptr<export_field>> vec;
+    void make_nodes() const
+    {
+        if (bytes.empty()) {
+            return;
+        }
+        auto* const container = const_cast<export_field_array*>(this);
+        std::vector<std::shared_ptr<export_field>> nodes;
+        nodes.reserve(bytes.size());
+        for (const uint8_t byte : bytes) {
+            if (bytes_are == byte_class::uint32) {
+                nodes.push_back(std::make_shared<export_field_uint32>(byte, container));
+            } else {
+                nodes.push_back(std::make_shared<export_field_uint64>(byte, container));
+            }
+        }
+        vec = std::move(nodes);
+        bytes = {};
+    }
+
+    // At least one of these two is empty.
+    mutable std::vector<std::shared_ptr<export_field>> vec;
+    mutable std::vector<uint8_t> bytes;
+    byte_class bytes_are = byte_class::uint32;
 };
 
 /** Nodes under unique keys, in ascending byte-wise order of the keys. Shares its members. */
 class export_field_object : public export_field {
 public:
-    explicit export_field_object(export_field* parent) : export_field(type::object, parent) {}
+    explicit export_field_object(export_field* container) : export_field(type::object, container) {}
 
     using export_field::operator[];
 
-    void accept(export_field_serializer& serializer) const override;
+    void accept(export_field_serializer& s) const override { s.visit(*this); }
 
     void add(const std::string& id, std::shared_ptr<export_field> val) override
     {
         export_field& child = *val;
-        map.insert_or_assign(id, std::move(val));
+        map[id] = std::move(val);
         child.set_parent(this);
     }
 
-    /** Drops the member whose node this is and returns its key, or "" where there is none. */
-    std::string remove(std::shared_ptr<export_field> val) override
-    {
-        for (auto member = map.begin(); member != map.end(); ++member) {
-            if (member->second == val) {
-                std::string key = member->first;
-                map.erase(member);
-                return key;
-            }
-        }
-        return {};
-    }
+    /** Removes the member that holds this node. Returns its key, or "" if there is none. */
+    std::string remove(std::shared_ptr<export_field> val) override { return map.remove(val); }
 
-    /** Puts a node into a member's place, which needs no memory. False: there is no such member. */
+    /** Replaces a member's node without allocating. Returns false if there is no such member. */
     bool replace(const std::shared_ptr<export_field>& old, const std::shared_ptr<export_field>& val)
     {
-        for (auto& [key, child] : map) {
-            if (child == old) {
-                child = val;
-                val->set_parent(this);
-                return true;
-            }
+        const bool done = map.replace(old, val);
+        if (done) {
+            val->set_parent(this);
         }
-        return false;
+        return done;
     }
 
-    /** The member under a key; where there is none, a null member is made. */
+    /** The member under a key. If there is none, a null member is added. */
     std::shared_ptr<export_field> operator[](const std::string& str) override
     {
-        const auto member = map.lower_bound(str);
-        if (member != map.end() && member->first == str) {
-            return member->second;
+        if (const std::shared_ptr<export_field>* const member = map.find(str)) {
+            return *member;
         }
-        auto missing = field_arena::make<export_field_null>(nullptr, this);
-        return map.emplace_hint(member, str, std::move(missing))->second;
+        // The node is made before the member: if that fails, there is no member.
+        return map[str] = std::make_shared<export_field_null>(nullptr, this);
     }
 
-    const std::map<std::string, std::shared_ptr<export_field>>& members() const { return map; }
+    const export_members& members() const { return map; }
 
 private:
-    std::map<std::string, std::shared_ptr<export_field>> map;
+    export_members map;
 };
 
 /** @} */
@@ -735,55 +599,60 @@ private:
  */
 
 /**
- * A value-like handle on a node, by which trees are written and read.
+ * A value-like handle to a node, used to write and read trees.
  *
- * A braced list of key-value pairs makes an object, any other list an array; a lookup stands for
- * the member that it finds, and assigning to it replaces that member. A proto shares its node with
- * the containers that hold it; it never copies one. Moved from, it holds no node; then only a
- * lookup by key that may change it, an assignment or its destruction may follow.
+ * A braced list of key-value pairs makes an object, any other list an array; a lookup gives a
+ * handle to the member that it finds, and assigning to it replaces that member. A proto shares its
+ * node with the containers that hold it; it never copies one. A moved-from proto holds no node: it
+ * can only be assigned to, destroyed, or, unless it is const, looked up by key.
  */
 class export_proto {
+    template <typename T>
+    static constexpr bool would_become_bool =
+        std::is_scalar_v<T> && !std::is_same_v<T, bool> && !std::is_null_pointer_v<T> &&
+        !std::is_same_v<T, unsigned char> && !std::is_same_v<T, unsigned int> &&
+        !std::is_same_v<T, unsigned long> && !std::is_convertible_v<T, const char*>;
+
 public:
-    export_proto(std::shared_ptr<export_field> val) : val(std::move(val)) {}
+    export_proto(std::shared_ptr<export_field> node) : val(std::move(node)) {}
 
     export_proto(std::initializer_list<export_proto> ilist) : val(container_of(ilist)) {}
 
-    /** An empty array, written {nullptr}. A zero, which could pass for a null, is none. */
-    template <typename T, std::enable_if_t<std::is_same_v<T, std::nullptr_t>, int> = 0>
-    export_proto(std::initializer_list<T> /*ilist*/)
-        : val(field_arena::make<export_field_array>(nullptr))
+    /**
+     * An empty array, written {nullptr}; the contents of the list are ignored.
+     *
+     * To C++ a literal zero is a null pointer, so {0u} is empty as well. An array that holds the
+     * number 0 is {export_proto(0u)}.
+     */
+    export_proto(std::initializer_list<std::nullptr_t> /*ilist*/)
+        : val(std::make_shared<export_field_array>(nullptr))
     {}
 
-    // Only these types are taken, and only as they are: nothing else turns into a number or a bool
-    // on the way in.
     template <typename T,
               std::enable_if_t<std::is_same_v<T, unsigned char> || std::is_same_v<T, unsigned int>,
                                int> = 0>
-    export_proto(T t) : val(field_arena::make<export_field_uint32>(t, nullptr))
+    export_proto(T t) : val(std::make_shared<export_field_uint32>(t, nullptr))
     {}
 
     template <typename T, std::enable_if_t<std::is_same_v<T, unsigned long>, long> = 0>
-    export_proto(T t) : val(field_arena::make<export_field_uint64>(t, nullptr))
+    export_proto(T t) : val(std::make_shared<export_field_uint64>(t, nullptr))
     {}
 
-    template <typename T, std::enable_if_t<std::is_same_v<T, bool>, bool> = false>
-    export_proto(T b) : val(field_arena::make<export_field_bool>(b, nullptr))
-    {}
-
+    export_proto(bool b) : val(std::make_shared<export_field_bool>(b, nullptr)) {}
     export_proto(const char* s) : export_proto(text_of(s)) {}
-    export_proto(std::string s) : val(field_arena::make<export_field_string>(std::move(s), nullptr))
+    export_proto(std::string s) : val(std::make_shared<export_field_string>(std::move(s), nullptr))
     {}
-    export_proto(std::nullptr_t) : val(field_arena::make<export_field_null>(nullptr, nullptr)) {}
+    export_proto(std::nullptr_t) : val(std::make_shared<export_field_null>(nullptr, nullptr)) {}
 
-    /** An array with a number for every byte. */
-    static export_proto from_bytes(const std::vector<uint8_t>& bytes)
+    /** Deleted, since other numbers and pointers would silently convert to bool. */
+    template <typename T, std::enable_if_t<would_become_bool<T>, char> = 0>
+    export_proto(T) = delete;
+
+    /** An array with one number for each byte. */
+    static export_proto from_bytes(std::vector<uint8_t> bytes)
     {
-        auto array = field_arena::make<export_field_array>(nullptr);
-        array->reserve(bytes.size());
-        for (const uint8_t byte : bytes) {
-            array->append<export_field_uint32>(byte);
-        }
-        return export_proto(std::move(array));
+        return export_proto(std::make_shared<export_field_array>(
+            std::move(bytes), export_field_array::byte_class::uint32, nullptr));
     }
 
     export_proto(export_proto&&) = default;
@@ -793,11 +662,16 @@ public:
     virtual ~export_proto() = default;
 
     /**
-     * Puts the other proto's node into the place of this one's: under the same key of its
-     * container, or here where it has none. The other is left without a node.
+     * Replaces this proto's node by the other's: under the same key of its container, or only here
+     * if it has no container. The other proto is left without a node.
      *
-     * This one goes on standing for the node that was replaced. So look a member up anew to assign
-     * to it again: what has been replaced is no member, and what is assigned to it gets the key "".
+     * This proto still refers to the replaced node. To assign to the member again, look it up
+     * again: the replaced node is no longer a member, and what is assigned to it gets the key "".
+     *
+     * A member of an object is exchanged in place, without `remove` and `add`. So it keeps its key
+     * and nothing is allocated: an assignment cannot lose a member. It costs a search through the
+     * members, as removing does. Any other container, even one that derives from an object, is
+     * asked to remove and then to add; it loses the member if adding fails.
      */
     export_proto& operator=(export_proto&& other)
     {
@@ -809,9 +683,11 @@ public:
             val = std::move(other.val);
             return *this;
         }
-        auto* const object = dynamic_cast<export_field_object*>(parent);
-        if (object == nullptr || !object->replace(val, other.val)) {
-            parent->add(parent->remove(val), other.val);
+        export_field& container = *parent;
+        if (typeid(container) != typeid(export_field_object) ||
+            !static_cast<export_field_object&>(container).replace(val, other.val))
+        {
+            container.add(container.remove(val), other.val);
         }
         other.val.reset();
         return *this;
@@ -828,7 +704,7 @@ public:
     export_proto operator[](const std::string& str)
     {
         if (val == nullptr) {
-            val = field_arena::make<export_field_object>(nullptr);
+            val = std::make_shared<export_field_object>(nullptr);
         }
         return (*val)[str];
     }
@@ -847,15 +723,19 @@ public:
     double get_double() const { return val->get_double(); }
     std::string get_string() const { return val->get_string(); }
 
-    /** The low 8 bits of every number of an array; of anything else, nothing. */
+    /** The low 8 bits of each number in an array; empty if the node is not an array. */
     std::vector<uint8_t> to_bytes() const
     {
-        std::vector<uint8_t> bytes;
-        if (const auto* const array = dynamic_cast<const export_field_array*>(val.get())) {
-            bytes.reserve(array->length());
-            for (const std::shared_ptr<export_field>& element : array->elements()) {
-                bytes.push_back(static_cast<uint8_t>(element->get_uint32()));
+        const export_field& node = *val;
+        if (typeid(node) == typeid(export_field_array)) {
+            const auto& kept = static_cast<const export_field_array&>(node).kept_bytes();
+            if (!kept.empty()) {
+                return kept;
             }
+        }
+        std::vector<uint8_t> bytes;
+        for (const export_field& element : node) {
+            bytes.push_back(static_cast<uint8_t>(element.get_uint32()));
         }
         return bytes;
     }
@@ -881,24 +761,22 @@ private:
 
     static bool all_pairs(std::initializer_list<export_proto> ilist)
     {
-        for (const export_proto& element : ilist) {
-            if (!element.val->is_key_val_pair()) {
-                return false;
-            }
-        }
-        return ilist.size() != 0;
+        return ilist.size() != 0 &&
+               std::all_of(ilist.begin(), ilist.end(), [](const export_proto& element) {
+                   return element.val->is_key_val_pair();
+               });
     }
 
     static std::shared_ptr<export_field> container_of(std::initializer_list<export_proto> ilist)
     {
         if (!all_pairs(ilist)) {
-            auto array = field_arena::make<export_field_array>(nullptr);
+            auto array = std::make_shared<export_field_array>(nullptr);
             for (const export_proto& element : ilist) {
                 array->add({}, element.val);
             }
             return array;
         }
-        auto object = field_arena::make<export_field_object>(nullptr);
+        auto object = std::make_shared<export_field_object>(nullptr);
         for (const export_proto& pair : ilist) {
             object->add(pair.val->at(0)->get_string(), pair.val->at(1));
         }
@@ -914,78 +792,18 @@ private:
  * @{
  */
 
-/** Visits the nodes of a tree, and stands for the text form that they get. */
-class export_field_serializer {
-public:
-    virtual ~export_field_serializer() = default;
-
-    // A visitor overrides what it wants to see.
-    virtual void visit(const export_field_uint32& /*field*/) {}
-    virtual void visit(const export_field_uint64& /*field*/) {}
-    virtual void visit(const export_field_double& /*field*/) {}
-    virtual void visit(const export_field_null& /*field*/) {}
-    virtual void visit(const export_field_bool& /*field*/) {}
-    virtual void visit(const export_field_string& /*field*/) {}
-    virtual void visit(const export_field_array& /*field*/) {}
-    virtual void visit(const export_field_object& /*field*/) {}
-
-    /** Gives the text of what was visited; the serializer owns it until its next use. */
-    virtual void serialize(const uint8_t** blob, uint32_t* blob_length) = 0;
-
-    /** Makes a tree of a text; the caller owns it. */
-    virtual export_field* deserialize(const uint8_t* blob, uint32_t blob_length) = 0;
-};
-
-inline void export_field_uint32::accept(export_field_serializer& s) const
-{
-    s.visit(*this);
-}
-inline void export_field_uint64::accept(export_field_serializer& s) const
-{
-    s.visit(*this);
-}
-inline void export_field_double::accept(export_field_serializer& s) const
-{
-    s.visit(*this);
-}
-inline void export_field_bool::accept(export_field_serializer& s) const
-{
-    s.visit(*this);
-}
-inline void export_field_string::accept(export_field_serializer& s) const
-{
-    s.visit(*this);
-}
-inline void export_field_null::accept(export_field_serializer& s) const
-{
-    s.visit(*this);
-}
-inline void export_field_array::accept(export_field_serializer& s) const
-{
-    s.visit(*this);
-}
-inline void export_field_object::accept(export_field_serializer& s) const
-{
-    s.visit(*this);
-}
-
 /**
- * JSON by json-c, in both directions. One instance serves one document.
+ * Converts between trees and JSON, by json-c. One instance handles one document.
  *
  * Each json-c value has one owner at every moment: the visit that makes it, then `last`, then the
  * container that it is added to. The first object visited, which is the whole document, belongs to
  * `root` from the start.
- *
- * When an allocation fails, json-c may say so by errno alone and go on with a piece of the text
- * left out. What comes out looks whole and would get a good checksum, so errno decides.
  */
 class json_c_serializer : public export_field_serializer {
 public:
     json_c_serializer() = default;
     json_c_serializer(const json_c_serializer&) = delete;
-    json_c_serializer(json_c_serializer&&) = delete;
     json_c_serializer& operator=(const json_c_serializer&) = delete;
-    json_c_serializer& operator=(json_c_serializer&&) = delete;
 
     ~json_c_serializer() override { set_last(nullptr); }
 
@@ -1023,53 +841,56 @@ public:
 
     void visit(const export_field_array& field) override
     {
-        json_ptr array(made(json_object_new_array(), "json_object_new_array failed"));
-        for (const std::shared_ptr<export_field>& element : field.elements()) {
-            element->accept(*this);
-            json_ptr value = take_last();
-            attached(json_object_array_add(array.get(), value.get()), value,
-                     "json_object_array_add failed");
+        json_c::value_ptr array(made(json_object_new_array(), "json_object_new_array failed"));
+        // A class derived from this one may want to visit each number.
+        if (!field.kept_bytes().empty() && typeid(*this) == typeid(json_c_serializer)) {
+            for (const uint8_t byte : field.kept_bytes()) {
+                add_element(array.get(), byte_value(byte, field.kept_bytes_are()));
+            }
+        } else {
+            for (const std::shared_ptr<export_field>& element : field.elements()) {
+                element->accept(*this);
+                add_element(array.get(), take_last());
+            }
         }
         set_last(array.release());
     }
 
     void visit(const export_field_object& field) override
     {
-        json_ptr owner(made(json_object_new_object(), "json_object_new_object failed"));
+        json_c::value_ptr owner(made(json_object_new_object(), "json_object_new_object failed"));
         json_object* const object = owner.get();
         if (root == nullptr) {
             root = std::shared_ptr<json_object>(owner.release(), json_object_put);
         }
-        for (const auto& [key, child] : field.members()) {
+        field.members().for_each([&](const std::string& key, const auto& child) {
             child->accept(*this);
-            json_ptr value = take_last();
+            json_c::value_ptr value = take_last();
             attached(json_object_object_add(object, printable(key), value.get()), value,
                      "json_object_object_add failed");
-        }
+        });
         set_last(object);
         static_cast<void>(owner.release());
     }
 
     void serialize(const uint8_t** blob, uint32_t* blob_length) override
     {
-        errno = 0;
-        const char* text = json_object_to_json_string_ext(last, JSON_C_TO_STRING_PLAIN);
-        if (errno == ENOMEM) {
+        const json_c::printed printed = json_c::print(last);
+        if (printed.text == nullptr) {
+            throw std::logic_error("json_object_to_json_string_ext gave no text");
+        }
+        if (printed.out_of_memory) {
             throw rova::exception(ROVA_ERROR_NO_MEMORY, "json_object_to_json_string_ext failed",
                                   ROVA_HERE);
         }
-        if (text == nullptr) {
-            throw std::logic_error("json_object_to_json_string_ext gave no text");
-        }
-        str = text;
-        // Not tested: takes more than 1 GiB.
-        if (str.size() > max_text_bytes) {
-            throw rova::exception(ROVA_ERROR_TOO_BIG, "text is too long for a descriptor",
-                                  ROVA_HERE);
-        }
+        str = std::string(printed.text);
+        refuse_too_long(str.size(), "serialize");
         *blob = reinterpret_cast<const uint8_t*>(str.c_str());
         *blob_length = static_cast<uint32_t>(str.size() + 1);
     }
+
+    /** Moves out the text that serialize() gave; the pointer it gave is no longer valid. */
+    std::string take_text() { return std::move(str); }
 
     export_field* deserialize(const uint8_t* blob, uint32_t blob_length) override
     {
@@ -1077,18 +898,28 @@ public:
             throw rova::exception(ROVA_ERROR_INVALID_VALUE,
                                   "export payload is not terminated by NUL", ROVA_HERE);
         }
-        const auto document = parse(reinterpret_cast<const char*>(blob), ROVA_HERE);
-        const field_arena nodes;
-        return traverse(document.get(), nullptr, nullptr, nullptr);
+        refuse_too_long(blob_length - 1, "deserialize");
+        const json_c::parsed parsed = json_c::parse(reinterpret_cast<const char*>(blob));
+        if (parsed.out_of_memory) {
+            throw std::bad_alloc();
+        }
+        if (parsed.error != json_tokener_success) {
+            throw rova::exception(ROVA_ERROR_INVALID_VALUE,
+                                  parsed.error == json_tokener_error_depth
+                                      ? "export payload is nested too deeply"
+                                      : "export payload is not valid JSON",
+                                  ROVA_HERE);
+        }
+        return traverse(parsed.document.get(), nullptr, nullptr, nullptr);
     }
 
     /**
      * Makes the field of a json-c value and adds it to the container that is being filled.
      *
-     * @param jso         the value; it stays the caller's.
+     * @param jso      the value; it stays the caller's.
+     * @param jso_key  the member's name; null for array elements and the top level.
      * @param parent_jso  not used.
-     * @param jso_key     the member's name; null for array elements and the top level.
-     * @param jso_index   not used.
+     * @param jso_index  not used.
      * @return the new field if it is an object, else null. The top-level object is the caller's.
      */
     export_field* traverse(json_object* jso, [[maybe_unused]] json_object* parent_jso,
@@ -1122,58 +953,33 @@ public:
     }
 
 private:
-    struct put_value {
-        void operator()(json_object* value) const { json_object_put(value); }
-    };
-    using json_ptr = std::unique_ptr<json_object, put_value>;
-
-    struct free_tokener {
-        void operator()(json_tokener* tokener) const { json_tokener_free(tokener); }
-    };
-
-    /**
-     * Puts the thread into the C locale for as long as this lives.
-     *
-     * json-c makes a locale for every piece of a text that it gets. Made of the C locale it is that
-     * one itself, and costs nothing.
-     */
-    class c_locale {
-    public:
-        c_locale() : m_outer(uselocale(newlocale(LC_ALL_MASK, "C", nullptr))) {}
-        c_locale(const c_locale&) = delete;
-        c_locale& operator=(const c_locale&) = delete;
-        ~c_locale() { uselocale(m_outer); }
-
-    private:
-        locale_t m_outer;
-    };
-
-    /** Makes a container the one that receives values, for as long as this lives. */
+    /** While this lives, new values go into the given container. */
     class filling {
     public:
-        filling(std::list<export_field*>& stack, export_field* container) : m_stack(stack)
-        {
-            m_stack.push_back(container);
-        }
+        filling(export_field*& receiver, export_field* container)
+            : m_receiver(receiver), m_outer(std::exchange(receiver, container))
+        {}
         filling(const filling&) = delete;
         filling& operator=(const filling&) = delete;
-        ~filling() { m_stack.pop_back(); }
+        ~filling() { m_receiver = m_outer; }
 
     private:
-        std::list<export_field*>& m_stack;
+        export_field*& m_receiver;
+        export_field* m_outer;
     };
 
-    // json-c counts in int and leaves out, without a word, what would take a text beyond that. No
-    // piece longer than half of it can be left out of a text that is shorter than half of it.
-    static constexpr size_t max_text_bytes = (size_t{1} << 30) - 16;
+    static void refuse_too_long(size_t bytes, const char* function)
+    {
+        // Not tested: this takes more than 1 GiB of memory.
+        if (bytes > json_c::max_text_bytes) {
+            throw rova::exception(ROVA_ERROR_TOO_BIG, "text is too long for a descriptor",
+                                  {__FILE__, function, __LINE__});
+        }
+    }
 
     static const char* printable(const std::string& text)
     {
-        // Not tested: takes more than 1 GiB.
-        if (text.size() > max_text_bytes) {
-            throw rova::exception(ROVA_ERROR_TOO_BIG, "text is too long for a descriptor",
-                                  {__FILE__, "visit", __LINE__});
-        }
+        refuse_too_long(text.size(), "visit");
         return text.c_str();
     }
 
@@ -1185,8 +991,21 @@ private:
         return value;
     }
 
-    /** The end of handing a value to a container, which has taken it over if the result is 0. */
-    static void attached(int result, json_ptr& value, const char* failure)
+    static json_c::value_ptr byte_value(uint8_t byte, export_field_array::byte_class byte_class)
+    {
+        if (byte_class == export_field_array::byte_class::uint32) {
+            return json_c::value_ptr(made(json_object_new_int(byte), "json_object_new_int failed"));
+        }
+        return json_c::value_ptr(made(json_object_new_int64(byte), "json_object_new_int64 failed"));
+    }
+
+    static void add_element(json_object* array, json_c::value_ptr value)
+    {
+        attached(json_object_array_add(array, value.get()), value, "json_object_array_add failed");
+    }
+
+    /** Completes adding a value to a container, which owns the value if the result is 0. */
+    static void attached(int result, json_c::value_ptr& value, const char* failure)
     {
         if (result != 0) {
             throw rova::exception(ROVA_ERROR_NO_MEMORY, failure, {__FILE__, "visit", __LINE__});
@@ -1202,104 +1021,33 @@ private:
         last = value;
     }
 
-    json_ptr take_last()
+    json_c::value_ptr take_last()
     {
         json_object* const value = std::exchange(last, nullptr);
-        // An object that `root` owns can only be here inside of a top-level array: it is shared.
-        return json_ptr(value == root.get() ? json_object_get(value) : value);
+        // If `root` owns the value, it is an object in a top-level array; then it is shared.
+        return json_c::value_ptr(value == root.get() ? json_object_get(value) : value);
     }
 
-    /**
-     * How much of a text json-c gets to see before errno is looked at.
-     *
-     * json-c clears errno when it reads a number, so a piece ends between a number and what stands
-     * before it whose failure only errno tells: a string, or a member that was added. A piece also
-     * ends between a name and its value, because json-c crashes on a name that it could not copy.
+    /** The container that receives the next value. Only an object can be at the top, without one.
      */
-    static size_t piece_length(const char* text)
-    {
-        if (*text == '}') {
-            return 1;
-        }
-        bool quoted = false;
-        const char* end = text;
-        while (true) {
-            if (*end == '"' || *end == '\'') {
-                end = closing_quote(end);
-                quoted = true;
-            }
-            end += *end != '\0' ? 1 : 0;
-            end += std::strcspn(end, quoted ? ":}\"',]" : ":}\"'");
-            if (*end != '"' && *end != '\'') {
-                break;
-            }
-        }
-        const ptrdiff_t length = *end == '}' && !quoted ? end + 1 - text : end - text;
-        return std::min(static_cast<size_t>(length), max_text_bytes);
-    }
-
-    /** The quote that ends a string, or the end of the text. */
-    static const char* closing_quote(const char* opening)
-    {
-        const char stops[] = {*opening, '\\', '\0'};
-        const char* end = opening + 1;
-        while (*(end += std::strcspn(end, stops)) == '\\') {
-            end += end[1] != '\0' ? 2 : 1;
-        }
-        return end;
-    }
-
-    static json_ptr parse(const char* text, rova::exception::source_loc here)
-    {
-        const c_locale locale;
-        const std::unique_ptr<json_tokener, free_tokener> tokener(json_tokener_new());
-        if (tokener == nullptr) {
-            throw std::bad_alloc();
-        }
-        json_ptr document;
-        json_tokener_error error = json_tokener_continue;
-        // Not tested: that json-c asks for more after the NUL.
-        for (bool at_end = false; error == json_tokener_continue && !at_end;) {
-            at_end = *text == '\0';
-            const size_t length = at_end ? 1 : piece_length(text);
-            errno = 0;
-            document.reset(json_tokener_parse_ex(tokener.get(), text, static_cast<int>(length)));
-            if (errno == ENOMEM) {
-                throw std::bad_alloc();
-            }
-            error = json_tokener_get_error(tokener.get());
-            text += length;
-        }
-        if (error == json_tokener_error_depth) {
-            throw rova::exception(ROVA_ERROR_INVALID_VALUE, "export payload is nested too deeply",
-                                  here);
-        }
-        if (error != json_tokener_success) {
-            throw rova::exception(ROVA_ERROR_INVALID_VALUE, "export payload is not valid JSON",
-                                  here);
-        }
-        return document;
-    }
-
-    /** The container that receives the next value. Only an object can do without one. */
     export_field* receiver() const
     {
-        if (tmp_containers.empty()) {
+        if (tmp_container == nullptr) {
             throw rova::exception(ROVA_ERROR_INVALID_VALUE,
                                   "export payload's top-level value is not an object",
                                   {__FILE__, "deserialize", __LINE__});
         }
-        return tmp_containers.back();
+        return tmp_container;
     }
 
     export_field* traverse_object(json_object* jso, const std::string& key)
     {
-        if (tmp_containers.empty()) {
+        if (tmp_container == nullptr) {
             auto top = std::make_unique<export_field_object>(nullptr);
             traverse_members(jso, top.get());
             return top.release();
         }
-        auto object = field_arena::make<export_field_object>(nullptr);
+        auto object = std::make_shared<export_field_object>(nullptr);
         receiver()->add(key, object);
         traverse_members(jso, object.get());
         return object.get();
@@ -1307,7 +1055,7 @@ private:
 
     void traverse_members(json_object* jso, export_field_object* object)
     {
-        const filling scope(tmp_containers, object);
+        const filling scope(tmp_container, object);
         for (const lh_entry* entry = json_object_get_object(jso)->head; entry != nullptr;
              entry = entry->next)
         {
@@ -1318,33 +1066,50 @@ private:
 
     void traverse_array(json_object* jso, const std::string& key)
     {
-        auto array = field_arena::make<export_field_array>(nullptr);
         const size_t length = json_object_array_length(jso);
-        array->reserve(length);
-        receiver()->add(key, array);
-        const filling scope(tmp_containers, array.get());
-        for (size_t i = 0; i < length; ++i) {
-            json_object* const element = json_object_array_get_idx(jso, i);
-            if (json_object_is_type(element, json_type_int) != 0) {
-                const int64_t number = json_object_get_int64(element);
-                array->append<export_field_uint64>(static_cast<uint64_t>(number));
-            } else {
-                traverse(element, jso, nullptr, &i);
-            }
+        std::vector<uint8_t> bytes = leading_bytes(jso, length);
+        if (bytes.size() == length) {
+            receiver()->add(key,
+                            std::make_shared<export_field_array>(
+                                std::move(bytes), export_field_array::byte_class::uint64, nullptr));
+            return;
         }
+        auto array = std::make_shared<export_field_array>(nullptr);
+        receiver()->add(key, array);
+        const filling scope(tmp_container, array.get());
+        for (size_t i = 0; i < length; ++i) {
+            traverse(json_object_array_get_idx(jso, i), jso, nullptr, &i);
+        }
+    }
+
+    /** The leading elements that are bytes. */
+    static std::vector<uint8_t> leading_bytes(json_object* array, size_t length)
+    {
+        std::vector<uint8_t> bytes;
+        bytes.reserve(length);
+        for (size_t i = 0; i < length; ++i) {
+            json_object* const element = json_object_array_get_idx(array, i);
+            const bool is_integer = json_object_is_type(element, json_type_int) != 0;
+            const int64_t number = is_integer ? json_object_get_int64(element) : -1;
+            if (number < 0 || number > 255) {
+                break;
+            }
+            bytes.push_back(static_cast<uint8_t>(number));
+        }
+        return bytes;
     }
 
     template <typename field, typename value>
     void add_field(const std::string& key, value&& val)
     {
         export_field* const container = receiver();
-        container->add(key, field_arena::make<field>(std::forward<value>(val), container));
+        container->add(key, std::make_shared<field>(std::forward<value>(val), container));
     }
 
     json_object* last = nullptr;
     std::shared_ptr<json_object> root;
     std::string str;
-    std::list<export_field*> tmp_containers;
+    export_field* tmp_container = nullptr;
 };
 
 /** @} */
@@ -1355,13 +1120,14 @@ private:
  * @{
  */
 
-/** A proto that can be written as a descriptor. Owns the bytes of the last one. */
+/** A proto that can be written as a descriptor. Owns the bytes of the last descriptor built. */
 class priv_rova_exporter : public export_proto {
 public:
     /**
      * Builds the descriptor of the tree, whose root is an object.
      *
-     * @param blob         receives the first byte; valid until the next call or destruction.
+     * @param blob         receives a pointer to the first byte, valid until the next call or the
+     *                     destruction of this object.
      * @param blob_length  receives the number of bytes. Neither is written on failure.
      */
     void export_obj(const uint8_t** blob, size_t* blob_length)
@@ -1370,26 +1136,33 @@ public:
             throw rova::exception(ROVA_ERROR_BAD_STATE, "only an object can be exported",
                                   ROVA_HERE);
         }
-        json_c_serializer serializer;
-        val->accept(serializer);
-        const uint8_t* payload_blob = nullptr;
-        uint32_t payload_blob_length = 0;
-        serializer.serialize(&payload_blob, &payload_blob_length);
-
+        const std::string payload = payload_text();
+        const auto* const payload_blob = reinterpret_cast<const uint8_t*>(payload.c_str());
         const export_header_factory::export_ptr hdr = export_header_factory::get_latest();
-        export_blob = hdr->serialize(payload_blob, payload_blob_length).first;
+        export_blob = hdr->serialize(payload_blob, static_cast<uint32_t>(payload.size() + 1)).first;
         *blob = export_blob.data();
         *blob_length = export_blob.size();
     }
 
 private:
+    // Frees the json-c document, which is many times as large as its text, before the text is used.
+    std::string payload_text() const
+    {
+        json_c_serializer serializer;
+        val->accept(serializer);
+        const uint8_t* payload_blob = nullptr;
+        uint32_t payload_blob_length = 0;
+        serializer.serialize(&payload_blob, &payload_blob_length);
+        return serializer.take_text();
+    }
+
     std::vector<uint8_t> export_blob;
 };
 
 /** The tree that a descriptor carries, to be read by key or index. Owns the tree. */
 class priv_rova_importer : public export_proto {
 public:
-    /** Reads a descriptor, which may hold anything; it is not used after the call. */
+    /** Reads a descriptor, which may hold any bytes; they are not used after the call. */
     static priv_rova_importer import(const uint8_t* blob, size_t len)
     {
         const export_header_factory::export_ptr hdr = export_header_factory::evaluate(blob, len);
@@ -1403,7 +1176,8 @@ public:
     const export_proto operator[](size_t index) const { return (*val)[index]; }
 
 private:
-    explicit priv_rova_importer(std::shared_ptr<export_field> val) : export_proto(std::move(val)) {}
+    explicit priv_rova_importer(std::shared_ptr<export_field> root) : export_proto(std::move(root))
+    {}
 };
 
 /** @} */

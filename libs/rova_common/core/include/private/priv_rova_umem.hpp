@@ -3,11 +3,10 @@
  * @defgroup priv_umem The region and its bridge (priv_rova_umem.hpp)
  * @ingroup internal_api
  *
- * The memory region object, and the bridge through which it talks to the outside.
+ * The memory region object, and the bridge through which it operates its device.
  *
- * The object's own methods are inline, so that every component of the SDK can use it; whatever
- * reaches the device or accelerator layer goes through priv_rova_umem_bridge, which the library
- * exports.
+ * The object's methods are inline, so that every component of the SDK can use it. Every operation
+ * on the device goes through priv_rova_umem_bridge, which the library exports.
  *
  * @{
  */
@@ -30,7 +29,7 @@ namespace core {
 class priv_rova_importer;
 }
 
-/** What a region asks of the outside. */
+/** What a region asks its bridge to do. */
 enum priv_rova_umem_bridge_cmd : uint32_t {
     PRIV_ROVA_UMEM_BRIDGE_CMD_INIT = 0,        /**< register host memory */
     PRIV_ROVA_UMEM_BRIDGE_CMD_INIT_DMABUF = 1, /**< register a dma-buf: init_dmabuf_data */
@@ -41,7 +40,7 @@ enum priv_rova_umem_bridge_cmd : uint32_t {
     PRIV_ROVA_UMEM_BRIDGE_CMD_RELEASE = 6           /**< hand the registration to the device */
 };
 
-/** What a command needs to know; the caller fills the member that its command names. */
+/** The arguments of a command; the caller fills the member that belongs to the command. */
 union priv_rova_umem_bridge_cmd_data {
     struct {
         int dmabuf_fd;
@@ -71,8 +70,8 @@ extern "C" {
  *  - ROVA_ERROR_INVALID_VALUE: `data` is null and the command needs it;
  *  - otherwise the result of the command.
  *
- * A failed command leaves the region as it was, but for an accelerator's umem id, which may have
- * been written, and an import, after which the region is only good for destruction.
+ * A failed command leaves the region as it was, with two exceptions: the umem id of accelerator
+ * memory may have been written, and after a failed import the region can only be destroyed.
  */
 ROVA_API rova_error_t priv_rova_umem_bridge(priv_rova_umem* umem, priv_rova_umem_bridge_cmd cmd,
                                             priv_rova_umem_bridge_cmd_data* data);
@@ -110,13 +109,13 @@ public:
                 ROVA_HERE);
     }
 
-    /** Stands for memory of the accelerator, which is registered already. */
+    /** Makes a region over memory of the accelerator, which is registered already. */
     priv_rova_umem(rova_apx& apx, uint64_t address, size_t size, uint32_t access_flags)
     {
         require(init(apx, address, size, access_flags), ROVA_HERE);
     }
 
-    /** Registers memory that somebody else has exported. */
+    /** Registers memory that another process or context has exported. */
     priv_rova_umem(const rova_dev& dev, const void* export_desc, size_t export_desc_len,
                    void* address)
     {
@@ -139,8 +138,9 @@ public:
     uint64_t get_base_offset() const { return m_base_offset; }
     uint32_t get_access_flags() const { return m_access_flags; }
 
-    // What the constructors do, for an empty region; one that is registered would lose track of its
-    // registration. A failed init leaves a region that is only good for destruction.
+    // These do the constructors' work on an empty region. A region that is registered must not be
+    // initialised again, as it would lose its registration. After a failed init the region can only
+    // be destroyed.
 
     rova_error_t init(const rova_dev& dev, void* address, size_t size, uint32_t access_flags,
                       size_t page_size)
@@ -165,8 +165,8 @@ public:
 
     rova_error_t init(rova_apx& apx, uint64_t address, size_t size, uint32_t access_flags)
     {
-        // Without an accelerator layer there is no device to ask for; the bridge finds the same
-        // and reports it.
+        // Without an accelerator layer there is no device to ask for. The bridge detects this as
+        // well, and reports it.
         const priv_rova_sub_dev_apx_ops* ops = priv_rova_sub_dev_apx_ops_get();
         set_range(ops != nullptr ? ops->get_dev_cb(&apx) : nullptr,
                   reinterpret_cast<void*>(address), size, access_flags,
@@ -195,11 +195,7 @@ public:
         const rova_error_t code =
             priv_rova_umem_bridge(this, PRIV_ROVA_UMEM_BRIDGE_CMD_UNINIT, nullptr);
         if (code != ROVA_SUCCESS) {
-            priv_rova_log_developer(ROVA_LOG_LEVEL_ERROR, priv_rova_log_get_header_source(),
-                                    __FILE__, __LINE__, __func__,
-                                    "UMEM %p: Failed to dereg. err=%s",
-                                    static_cast<const void*>(this), rova_error_get_name(code));
-            return code;
+            return failed_to("dereg", code, ROVA_HERE);
         }
         m_handle = nullptr;
         return ROVA_SUCCESS;
@@ -212,11 +208,7 @@ public:
             const rova_error_t code =
                 priv_rova_umem_bridge(this, PRIV_ROVA_UMEM_BRIDGE_CMD_EXPORT, nullptr);
             if (code != ROVA_SUCCESS) {
-                priv_rova_log_developer(ROVA_LOG_LEVEL_ERROR, priv_rova_log_get_header_source(),
-                                        __FILE__, __LINE__, __func__,
-                                        "UMEM %p: Failed to create export descriptor. err=%s",
-                                        static_cast<const void*>(this), rova_error_get_name(code));
-                return code;
+                return failed_to("create export descriptor", code, ROVA_HERE);
             }
         }
         *export_desc = m_export_desc.data();
@@ -230,11 +222,7 @@ public:
         const rova_error_t code =
             priv_rova_umem_bridge(this, PRIV_ROVA_UMEM_BRIDGE_CMD_RELEASE, nullptr);
         if (code != ROVA_SUCCESS) {
-            priv_rova_log_developer(ROVA_LOG_LEVEL_ERROR, priv_rova_log_get_header_source(),
-                                    __FILE__, __LINE__, __func__,
-                                    "UMEM %p: Failed to release. err=%s",
-                                    static_cast<const void*>(this), rova_error_get_name(code));
-            return code;
+            return failed_to("release", code, ROVA_HERE);
         }
         m_handle = nullptr;
         return ROVA_SUCCESS;
@@ -264,8 +252,19 @@ private:
         m_access_flags = access_flags;
     }
 
+    // Logs on behalf of a method, and returns the code.
+    rova_error_t failed_to(const char* verb, rova_error_t code,
+                           rova::exception::source_loc here) const
+    {
+        priv_rova_log_developer(ROVA_LOG_LEVEL_ERROR, priv_rova_log_get_header_source(), here.file,
+                                static_cast<int>(here.line), here.function,
+                                "UMEM %p: Failed to %s. err=%s", static_cast<const void*>(this),
+                                verb, rova_error_get_name(code));
+        return code;
+    }
+
     // Throws on behalf of a constructor. That constructor has not completed and delegates to no
-    // other, so the destructor does not run for what was never registered.
+    // other, so the destructor does not run and nothing is deregistered.
     static void require(rova_error_t code, rova::exception::source_loc here)
     {
         if (code != ROVA_SUCCESS) {

@@ -10,17 +10,17 @@
  * and release a registration without ending it.
  *
  * @par Conventions
- *  - Every call returns ROVA_SUCCESS or says what went wrong. It writes an output on success only;
- *    after a failure every output is as it was.
- *  - Arguments are checked in the order that a call lists. The first that fails is logged and
- *    returned as ROVA_ERROR_INVALID_VALUE; the others are not looked at.
+ *  - Every call but priv_rova_umem_from_rova_umem returns ROVA_SUCCESS or a code for what went
+ *    wrong. It writes an output on success only; after a failure every output is as it was.
+ *  - Arguments are checked in the order in which a call lists them. The first check that fails is
+ *    logged, and the call returns ROVA_ERROR_INVALID_VALUE without making the others.
  *  - A create function's caller owns the region and ends it exactly once, with
  *    priv_rova_umem_destroy or priv_rova_umem_release. A region refers to its device and memory
  *    without owning them; both have to outlive it.
  *  - Beside the codes listed, every create function may return ROVA_ERROR_NO_MEMORY when memory
  *    for the region runs out, and any code that the device layer gives when it refuses.
- *  - Calls on different regions may run in parallel. Calls on one region are serialised by the
- *    caller; that includes the first export, which fills a cache.
+ *  - Calls on different regions may run in parallel. The caller has to serialise calls on one
+ *    region, including exports: the first one makes the descriptor that the region keeps.
  *  - Sizes and offsets are in bytes. Access flags are defined by the device layer.
  *
  * @{
@@ -105,10 +105,10 @@ ROVA_API rova_error_t priv_rova_umem_create_dmabuf(const struct rova_dev* dev, v
  * @param access_flags  what the device may do with the memory.
  * @param umem_obj      receives the region.
  * @return
- *  - ROVA_ERROR_INVALID_VALUE, in this order: `gpu` NULL, `size` 0, `umem_obj` NULL, and then what
- *    the way of registering refuses;
+ *  - ROVA_ERROR_INVALID_VALUE, in this order: `gpu` NULL, `size` 0, `umem_obj` NULL, and then the
+ *    checks of the call that registers;
  *  - ROVA_ERROR_BAD_STATE: there is no GPU layer;
- *  - when both ways fail, the code of registering by address.
+ *  - when both ways fail, the code from registering by address.
  */
 ROVA_API rova_error_t priv_rova_umem_gpu_create(struct rova_gpu* gpu, struct rova_dev* dev,
                                                 void* address, size_t size, uint32_t access_flags,
@@ -116,9 +116,9 @@ ROVA_API rova_error_t priv_rova_umem_gpu_create(struct rova_gpu* gpu, struct rov
 
 /**
  * Makes a region over memory of the accelerator. Nothing is registered: the accelerator layer has
- * done so, and the region asks it for the umem id and the base offset.
+ * done that already, and the region asks it for the umem id and the base offset.
  *
- * @param apx           the accelerator context; it is not kept.
+ * @param apx           the accelerator context; the region does not keep it.
  * @param address       accelerator address; may be 0.
  * @param size          length of the range.
  * @param access_flags  kept with the region.
@@ -135,20 +135,22 @@ ROVA_API rova_error_t priv_rova_umem_apx_create(struct rova_apx* apx, uint64_t a
 /**
  * Makes a region over memory that another process or device context has exported.
  *
- * Size, page size and access flags come from the descriptor, the umem id from `dev`. The
- * descriptor may come from anybody: whatever its bytes are, they are refused or make a region.
+ * The region has the size, page size and access flags of the descriptor, and the umem id that `dev`
+ * gives. The descriptor may come from an untrusted source: any bytes are either refused or make a
+ * region. The device layer decides what the device can reach, and may go by other values.
  *
  * @param dev              the device.
  * @param export_desc      the descriptor; not used after the call.
  * @param export_desc_len  its length.
- * @param address          the address that the caller knows the memory by.
+ * @param address          an address of the caller's choice; it is only kept with the region.
  * @param umem_obj         receives the region.
  * @return
  *  - ROVA_ERROR_INVALID_VALUE, in this order: `dev` NULL, `export_desc` NULL, `export_desc_len` 0,
  *    `address` NULL, `umem_obj` NULL; and a descriptor that is damaged or cannot be read;
- *  - ROVA_ERROR_UNSUPPORTED_VERSION: made by a later version that this one cannot read;
+ *  - ROVA_ERROR_UNSUPPORTED_VERSION: it was made by a later version, which this one cannot read;
  *  - ROVA_ERROR_NOT_PERMITTED, ROVA_ERROR_NOT_SUPPORTED: a member of it is missing or of the wrong
  *    type;
+ *  - ROVA_ERROR_TOO_BIG: its payload is longer than about 1 GiB;
  *  - otherwise the device layer's code.
  */
 ROVA_API rova_error_t priv_rova_umem_create_from_export(const struct rova_dev* dev,
@@ -176,6 +178,8 @@ ROVA_API rova_error_t priv_rova_umem_create_from_export(const struct rova_dev* d
  *  - ROVA_ERROR_INVALID_VALUE, in this order: `umem_obj` NULL, `export_desc` NULL,
  *    `export_desc_len` NULL;
  *  - ROVA_ERROR_NO_MEMORY: memory ran out, or the device exports nothing;
+ *  - the platform's code for a std::logic_error: json-c gave no text, for example because memory
+ *    ran out;
  *  - ROVA_ERROR_TOO_BIG: the descriptor would be longer than about 1 GiB;
  *  - otherwise the device layer's code.
  */
@@ -223,7 +227,7 @@ ROVA_API rova_error_t priv_rova_umem_buffer_get(const struct priv_rova_umem* ume
                                                 void** umem_buf_addr);
 
 /**
- * Where the region begins inside its umem: 0, but for accelerator memory.
+ * Where the region begins inside its umem: 0 except for accelerator memory.
  *
  * @param umem_obj          the region.
  * @param umem_base_offset  receives the offset.
@@ -236,7 +240,8 @@ ROVA_API rova_error_t priv_rova_umem_base_offset_get(const struct priv_rova_umem
  * The region behind a public handle.
  *
  * @param umem_obj  the public handle.
- * @return the region, which the handle keeps owning; NULL for NULL, which is logged.
+ * @return the region, which still belongs to the handle; NULL, and a log record, if `umem_obj` is
+ *         NULL.
  */
 ROVA_API struct priv_rova_umem* priv_rova_umem_from_rova_umem(const struct rova_umem* umem_obj);
 
@@ -248,9 +253,8 @@ ROVA_API struct priv_rova_umem* priv_rova_umem_from_rova_umem(const struct rova_
  */
 
 /**
- * Hands the registration over to the device without ending it, and frees the region.
- *
- * The descriptor's bytes are gone after success.
+ * Hands the registration over to the device without ending it, and frees the region, with the
+ * bytes of its descriptor.
  *
  * @param umem_obj  the region.
  * @return ROVA_ERROR_INVALID_VALUE: `umem_obj` NULL. Otherwise the device layer's code; the region

@@ -11,6 +11,10 @@
 #ifndef ROVA_TYPES_H
 #define ROVA_TYPES_H
 
+#if !defined(__x86_64__) || !defined(__LP64__) || !defined(__linux__)
+#error "rova runs on Linux on x86-64 only"
+#endif
+
 #include <stddef.h>
 #include <stdint.h>
 
@@ -33,7 +37,7 @@ extern "C" {
 
 struct rova_dev;  /**< a network device, opened and closed by the device layer */
 struct rova_gpu;  /**< a GPU, opened and closed by the GPU layer */
-struct rova_apx;  /**< a context on the NIC's accelerator, made by the accelerator layer */
+struct rova_apx;  /**< a context on the network card's accelerator, opened by its layer */
 struct rova_umem; /**< a registered memory region; see rova_umem.h */
 
 #ifdef __cplusplus

@@ -5,7 +5,7 @@
  *
  * The version of the library: of the header at compile time, of the library at run time.
  *
- * The numbers count as semantic versioning has it; CONTRIBUTING.md says what raises which.
+ * The numbers follow semantic versioning; CONTRIBUTING.md says which change raises which number.
  *
  * @{
  */
@@ -26,8 +26,8 @@ extern "C" {
 #endif
 
 /**
- * The version of the library that runs, for example "0.1.0": the one to show, and to compare with
- * the numbers above, which are those of the library that was compiled against.
+ * The version of the library that the program runs with, for example "0.1.0". It may differ from
+ * the numbers above, which are those of the headers that the program was compiled with.
  *
  * @return a text with static lifetime; never NULL. Callable from any thread.
  */
