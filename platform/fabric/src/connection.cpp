@@ -18,7 +18,9 @@ using std::chrono::steady_clock;
 namespace {
 
 constexpr size_t largest_piece = size_t{1} << 20;
-constexpr size_t smallest_piece = size_t{1} << 16;
+
+/** Copying less than this takes no time worth saving. */
+constexpr size_t smallest_direct_piece = size_t{1} << 16;
 
 /** How many pieces are under way at once. */
 constexpr size_t most_pieces = 2;
@@ -48,10 +50,11 @@ constexpr milliseconds longest_drain(50);
 /** A piece of a transfer that is under way. */
 struct connection::piece {
     fi_context2 context = {};
-    std::vector<uint8_t> bytes = {};
-    std::optional<registered_memory> registration = {};
+    std::vector<uint8_t> copy = {};
+    std::optional<registered_memory> registration = {}; /**< of the copy */
     bool is_under_way = false;
-    size_t offset = 0; /**< in the transfer */
+    uint8_t* memory = nullptr; /**< the copy, or the caller's */
+    size_t offset = 0;         /**< in the transfer */
     size_t size = 0;
 };
 
@@ -144,14 +147,19 @@ ending connection::move(platform::direction way, const remote_memory& there, uin
 bool connection::post_next(transfer& moved)
 {
     const size_t size = std::min(moved.size - moved.posted, largest_piece);
-    piece* const next = size != 0 ? free_piece(size) : nullptr;
+    piece* const next = size != 0 ? free_piece() : nullptr;
     if (next == nullptr) {
         return false;
     }
+    next->memory = moved.data + moved.posted;
     next->offset = moved.posted;
     next->size = size;
-    if (moved.way == platform::direction::write) {
-        std::memcpy(next->bytes.data(), moved.data + next->offset, size);
+    if (needs_copy(size)) {
+        make_room(*next);
+        if (moved.way == platform::direction::write) {
+            std::memcpy(next->copy.data(), next->memory, size);
+        }
+        next->memory = next->copy.data();
     }
     const ssize_t result = post(moved, *next);
     if (result != 0) {
@@ -166,7 +174,7 @@ bool connection::post_next(transfer& moved)
 
 ssize_t connection::post(const transfer& moved, piece& next)
 {
-    iovec here = {next.bytes.data(), next.size};
+    iovec here = {next.memory, next.size};
     void* descriptor = next.registration ? next.registration->descriptor() : nullptr;
     const fi_rma_iov there = {moved.there.address + next.offset, next.size, moved.there.key};
     const fi_msg_rma message = {&here, &descriptor, 1, m_peer, &there, 1, &next.context, 0};
@@ -192,8 +200,8 @@ bool connection::take(const completion& ended, transfer& moved)
     if (ended.error != 0) {
         return false;
     }
-    if (moved.way == platform::direction::read) {
-        std::memcpy(moved.data + arrived.offset, arrived.bytes.data(), arrived.size);
+    if (moved.way == platform::direction::read && arrived.memory == arrived.copy.data()) {
+        std::memcpy(moved.data + arrived.offset, arrived.memory, arrived.size);
     }
     moved.done += arrived.size;
     moved.waiting.start_anew();
@@ -217,24 +225,33 @@ std::optional<completion> connection::next_completion(const transfer& moved)
     return m_endpoint.wait(may_post ? pause_of_posting : longest_sleep);
 }
 
-connection::piece* connection::free_piece(size_t size)
+connection::piece* connection::free_piece()
 {
     const auto found = std::find_if(m_pieces.begin(), m_pieces.end(),
                                     [](const auto& each) { return !each->is_under_way; });
-    if (found == m_pieces.end() && m_pieces.size() == most_pieces) {
-        return nullptr;
+    if (found != m_pieces.end()) {
+        return found->get();
     }
-    auto& chosen =
-        found != m_pieces.end() ? *found : m_pieces.emplace_back(std::make_unique<piece>());
-    if (chosen->bytes.size() < size) {
-        chosen->registration.reset();
-        chosen->bytes.resize(std::max(size, smallest_piece));
-        if (m_device.used_provider().needs_local_registration()) {
-            chosen->registration.emplace(m_device.used_provider(), *m_domain, chosen->bytes.data(),
-                                         chosen->bytes.size(), FI_READ | FI_WRITE);
-        }
+    return m_pieces.size() < most_pieces ? m_pieces.emplace_back(std::make_unique<piece>()).get()
+                                         : nullptr;
+}
+
+bool connection::needs_copy(size_t size) const
+{
+    return size < smallest_direct_piece || !m_device.used_provider().may_use_callers_memory();
+}
+
+void connection::make_room(piece& copied) const
+{
+    if (copied.copy.size() >= copied.size) {
+        return;
     }
-    return chosen.get();
+    copied.registration.reset();
+    copied.copy.resize(std::max(copied.size, smallest_direct_piece));
+    if (m_device.used_provider().needs_local_registration()) {
+        copied.registration.emplace(m_device.used_provider(), *m_domain, copied.copy.data(),
+                                    copied.copy.size(), FI_READ | FI_WRITE);
+    }
 }
 
 }  // namespace fabric

@@ -20,8 +20,9 @@ namespace fabric {
  * that the exporter has not answered in time. So a connection whose transfer did not complete is
  * not used again.
  *
- * libfabric is given only memory that the connection owns, so a late answer never writes into the
- * caller's memory.
+ * Large pieces move between the exporter and the caller's memory directly, where closing the
+ * endpoint is sure to end them: a late answer must not reach that memory once the call has
+ * returned. All others are copied to or from memory that the connection owns.
  */
 class connection {
 public:
@@ -43,7 +44,9 @@ private:
     ssize_t post(const transfer& moved, piece& next);
     bool take(const completion& ended, transfer& moved);
     std::optional<completion> next_completion(const transfer& moved);
-    piece* free_piece(size_t size);
+    piece* free_piece();
+    bool needs_copy(size_t size) const;
+    void make_room(piece& copied) const;
 
     const device_context& m_device;
     const ip_address m_address;

@@ -45,13 +45,12 @@ fid_handle<fid_mr> register_memory(const provider& provider, fid_domain& domain,
     return fid_handle<fid_mr>(registered);
 }
 
-fid_handle<fid_cq> open_queue(const provider& provider, fid_domain& domain)
+fid_handle<fid_cq> open_queue(fid_domain& domain)
 {
     fi_cq_attr attributes = {};
     attributes.format = FI_CQ_FORMAT_CONTEXT;
     attributes.wait_obj = FI_WAIT_FD;
     fid_cq* opened = nullptr;
-    (void)provider;
     check(fi_cq_open(&domain, &attributes, &opened, nullptr), ROVA_HERE,
           "no completion queue can be opened");
     return fid_handle<fid_cq>(opened);
@@ -95,7 +94,7 @@ fid_handle<fid_domain> open_domain(const provider& provider)
 
 endpoint::endpoint(const provider& provider, fid_domain& domain)
     : m_fabric(provider.fabric()),
-      m_queue(open_queue(provider, domain)),
+      m_queue(open_queue(domain)),
       m_peers(open_peers(domain)),
       m_endpoint(open_endpoint(provider, domain))
 {

@@ -60,6 +60,14 @@ public:
     bool chooses_keys() const { return has_mode(FI_MR_PROV_KEY); }
     bool needs_local_registration() const { return has_mode(FI_MR_LOCAL); }
 
+    /**
+     * Whether it may be given the caller's memory, which has to be out of use when the call
+     * returns: after a time-out, only closing the endpoint can see to that. "sockets" has a thread
+     * of its own that may still be using the memory, an endpoint of ofi_rxm cannot always be
+     * closed, and hardware needs the memory registered.
+     */
+    bool may_use_callers_memory() const { return name() == "net" || name() == "tcp"; }
+
 private:
     bool has_mode(int bit) const { return (m_info->domain_attr->mr_mode & bit) != 0; }
 
