@@ -17,6 +17,7 @@
 #include <functional>
 
 #include "rova_fabric_platform.h"
+#include "support/kernel_symbols.hpp"
 #include "support/soft_device.hpp"
 
 namespace support {
@@ -34,6 +35,7 @@ struct two_hosts {
             std::ofstream("/proc/self/uid_map") << "0 " << ids[0] << " 1";
             std::ofstream("/proc/self/gid_map") << "0 " << ids[1] << " 1";
         }
+        hide_kernel_symbols();
         const int host = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
         if (::unshare(CLONE_NEWNET) != 0) {
             return;
