@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Runs the command blocks of README.md in order, as a reader would, with a home of their own, and
-# compares their output with the block of text that follows.
+# Runs the command blocks of README.md in order, as a reader would, with a home of their own whose
+# path holds a space, and compares their output with the block of text that follows.
 # readme_test.sh CHECKOUT SCRATCH
 set -euo pipefail
 
 checkout=$(realpath "$1")
 rm -rf "$2"
-mkdir -p "$2/home" "$2/blocks"
+mkdir -p "$2/a home" "$2/blocks"
 scratch=$(realpath "$2")
 
 # Each block becomes a file, numbered and named by its language.
@@ -26,7 +26,7 @@ for block in "$scratch"/blocks/*.sh; do
     printf 'exec >%q 2>%q\n' "$block.out" "$block.log"
     sed '/^\.\/dev test/d' "$block"
 done >"$scratch/all.sh"
-if ! (cd "$checkout" && HOME=$scratch/home bash -eu "$scratch/all.sh" </dev/null); then
+if ! (cd "$checkout" && HOME="$scratch/a home" bash -eu "$scratch/all.sh" </dev/null); then
     last=$(find "$scratch/blocks" -name '*.out' | sort | tail -n 1)
     cat "$last" "${last%.out}.log"
     echo "This block of README.md fails: $(cat "${last%.out}")"
