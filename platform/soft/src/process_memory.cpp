@@ -235,7 +235,13 @@ platform::file_descriptor process_directory::open(const char* file, int flags) c
 {
     platform::file_descriptor opened(::openat(m_directory->get(), file, flags | O_CLOEXEC));
     if (opened.get() < 0) {
-        fail_to_open(m_name, errno);
+        const int error = errno;
+        const auto status = read_status(m_directory->get());
+        // The files of a process that is ending belong to root.
+        if (status && status->memory_size == 0) {
+            fail_as_gone(m_name);
+        }
+        fail_to_open(m_name, error);
     }
     return opened;
 }
