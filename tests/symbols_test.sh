@@ -2,6 +2,8 @@
 # The symbols that the component's shared library exports, and those that it imports.
 # symbols_test.sh SHARED_LIBRARY MAP SONAME CHECKOUT LIBRARY...
 set -euo pipefail
+# In other languages [a-z] may leave out letters.
+export LC_ALL=C
 
 library=$1 map=$2 soname=$3 checkout=$4
 shift 4
