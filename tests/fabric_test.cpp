@@ -400,7 +400,7 @@ TEST_P(fabric_mishap, is_reported_in_time_and_the_other_regions_are_still_served
         data.assign(data.size(), 'x');
         each.heal(other);
         EXPECT_EQ(device.read(sound.second, 0, 3), read_result(ROVA_SUCCESS, "sss"));
-        const bool is_back = again.find("NOT_FOUND") == again.npos;
+        const bool is_back = again.find("NOT_FOUND") == std::string::npos;
         EXPECT_EQ(device.read(region.second, 0, 1).first == ROVA_SUCCESS, is_back);
         EXPECT_EQ(device.write(written.second, 0, "o") == ROVA_SUCCESS, is_back);
         EXPECT_EQ(data.find_first_not_of('x'), data.npos);

@@ -41,16 +41,13 @@ struct two_hosts {
             return;
         }
         m_other = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-        const std::string other =
-            "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(m_other);
+        const std::string link = "link add rova0 type veth peer name rova0 netns /proc/" +
+                                 std::to_string(::getpid()) + "/fd/" + std::to_string(m_other);
         const auto set_up = [](const std::string& address) {
-            return run("ip link set lo up && ip address add " + address +
-                       "/24 dev rova0 && ip link set rova0 up");
+            return "link set lo up\naddress add " + address + "/24 dev rova0\nlink set rova0 up\n";
         };
-        have_link = ::setns(host, CLONE_NEWNET) == 0 &&
-                    run("ip link add rova0 type veth peer name rova0 netns " + other) &&
-                    set_up("10.77.0.2") && ::setns(m_other, CLONE_NEWNET) == 0 &&
-                    set_up("10.77.0.1");
+        have_link = ::setns(host, CLONE_NEWNET) == 0 && run_ip(link + "\n" + set_up("10.77.0.2")) &&
+                    ::setns(m_other, CLONE_NEWNET) == 0 && run_ip(set_up("10.77.0.1"));
         // So that an exporter that is stopped has sent a part of a message.
         run("echo 4096 16384 65536 >/proc/sys/net/ipv4/tcp_wmem");
         ::setns(host, CLONE_NEWNET);
@@ -66,6 +63,12 @@ struct two_hosts {
     static bool run(const std::string& command)
     {
         return std::system(("exec >/dev/null 2>&1; " + command).c_str()) == 0;
+    }
+
+    /** Runs lines of commands of ip. */
+    static bool run_ip(const std::string& lines)
+    {
+        return run("echo '" + lines + "' | ip -batch -");
     }
 
     void go_there() const { EXPECT_TRUE(!have_link || ::setns(m_other, CLONE_NEWNET) == 0); }
