@@ -64,7 +64,8 @@ struct rova_fabric_options {
      * How long an import, a read or a write may wait for the exporter without progress, in
      * milliseconds. A transfer is split into pieces of at most 1 MiB, and each piece that arrives
      * restarts the time. Threads that use the same region take turns; waiting behind others, whose
-     * transfers make progress, does not count. 0: 5,000.
+     * transfers make progress, does not count, nor does time in which the importer's process was
+     * stopped or had no processor. 0: 5,000.
      */
     uint32_t timeout_ms;
 };

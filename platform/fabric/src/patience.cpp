@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "device_context.hpp"
 #include "failure.hpp"
@@ -26,6 +27,12 @@ constexpr milliseconds first_look(50);
 
 /** A host that takes longer to accept a connection is treated as not answering. */
 constexpr milliseconds longest_look(250);
+
+/**
+ * Of the time between two verdicts no more counts than this, which is the longest that a call
+ * takes. When it is more, this process was stopped or had no processor, and heard nothing.
+ */
+constexpr milliseconds longest_step = longest_look;
 
 /** Whether an attempt to connect has ended in time. Signal handlers do not shorten the time. */
 bool has_ended(int socket, milliseconds limit)
@@ -94,14 +101,17 @@ patience::patience(const device_context& device, const ip_address& address, uint
 
 void patience::start_anew()
 {
-    m_since = steady_clock::now();
+    m_since = m_last = steady_clock::now();
+    m_waited = std::chrono::nanoseconds::zero();
     m_next_look = first_look;
     m_seen = ending::stuck;
 }
 
 std::optional<ending> patience::verdict()
 {
-    const auto waited = std::chrono::floor<milliseconds>(steady_clock::now() - m_since);
+    const auto now = steady_clock::now();
+    m_waited += std::min<std::chrono::nanoseconds>(now - std::exchange(m_last, now), longest_step);
+    const auto waited = std::chrono::floor<milliseconds>(m_waited);
     if (waited >= m_device.timeout()) {
         return m_seen;
     }

@@ -43,7 +43,9 @@ private:
     const ip_address& m_address;
     const uint16_t m_port;
     std::chrono::steady_clock::time_point m_since;
-    std::chrono::milliseconds m_next_look; /**< after m_since */
+    std::chrono::steady_clock::time_point m_last; /**< of the verdicts */
+    std::chrono::nanoseconds m_waited;
+    std::chrono::milliseconds m_next_look; /**< when so much has been waited */
     ending m_seen;
 };
 
