@@ -8,6 +8,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 #include <set>
 #include <sstream>
@@ -367,57 +368,90 @@ TEST_F(conformance, the_software_platform_passes_and_what_a_layer_does_not_offer
     EXPECT_THROW(run(layer, {"no_such_check"}), std::invalid_argument);
 }
 
-TEST_F(conformance, one_fault_fails_one_check_which_says_what_it_saw)
+/** A fault, the check that it fails, and what that says. */
+using fault_row = std::array<const char*, 3>;
+
+/** A test each, so that they can be run at the same time. */
+struct fault_group {
+    const char* name;
+    std::vector<fault_row> rows;
+};
+
+const fault_group groups[] = {
+    {"services",
+     {
+         {"nameless codes", "error_codes_have_names", "the name of code 0 is NULL"},
+         {"small pages", "page_size_is_the_systems", "gave 64 instead of"},
+         {"source 0", "log_sources_are_not_zero", "register_source gave the number 0"},
+         {"headers log as 0", "log_sources_are_not_zero", "header_source gave 0"},
+         {"drivers fail as unknown", "exceptions_become_their_codes", "became ROVA_ERROR_UNKNOWN"},
+         {"no memory is unexpected", "exceptions_become_their_codes", "bad_alloc became *UNEXPECT"},
+         {"needs a place", "exceptions_become_their_codes", "from an unknown place"},
+         {"others succeed", "exceptions_become_their_codes", "runtime_error became ROVA_SUCCESS"},
+     }},
+    {"registration",
+     {
+         {"no adapter", "adapter_is_there", "get_tlox_adapter gave null"},
+         {"close fails", "adapter_is_there", "closing the device gave ROVA_ERROR_IN_USE"},
+         {"null handle", "registering_gives_a_handle", "returned a null handle"},
+         {"loses memory", "registering_gives_a_handle", "memory was lost"},
+         {"ends nothing", "registering_gives_a_handle",
+          "closing the device gave ROVA_ERROR_IN_USE"},
+         {"ends twice", "deregistering_ends", "an ended registration again gave ROVA_SUCCESS"},
+         {"ends strangers", "unknown_handles_are_refused", "the null handle gave ROVA_SUCCESS"},
+         {"one id", "ids_are_unique", "have the id 7"},
+         {"refusal of SUCCESS", "refusals_are_exceptions", "carries the code ROVA_SUCCESS"},
+         {"takes what wraps", "refusals_are_exceptions", "round the address space was registered"},
+         {"ends another", "refusals_change_nothing", ""},
+     }},
+    {"memory",
+     {
+         {"reads the first byte", "memory_is_reached_by_id", "the last byte was not read"},
+         {"reads past the end", "nothing_else_is_reached", "2 bytes were read at 4095 of 4096"},
+         {"rights ignored", "rights_are_enforced", "memory for only reading could be written"},
+         {"closes the dma-buf", "dmabuf_stays_the_callers", "the descriptor was closed"},
+         {"offset 0", "dmabuf_offset_counts", "the byte at the offset was not read"},
+     }},
+    {"export",
+     {
+         {"exports nothing", "export_gives_a_block", "is empty"},
+         {"dead export of SUCCESS", "dead_handles_are_not_exported", "with the code ROVA_SUCCESS"},
+         {"keeps what is released", "release_spends_the_handle", "handle gave ROVA_SUCCESS"},
+         {"release ends", "release_does_not_end", "could not be read any more"},
+         {"one import id", "import_makes_a_registration", "share a handle or an id"},
+         {"other lengths without a code", "wrong_sizes_are_refused",
+          "a block of 0 bytes * by std::runtime_error (\"block size\") without a code"},
+         {"ignores lengths", "wrong_sizes_are_refused",
+          "the process * while importing a block of "},
+         {"grants all to the damaged", "damaged_blocks_are_harmless", "gave write access"},
+     }},
+    {"sharing",
+     {
+         {"imports a copy", "imports_reach_the_same_memory", "does not read the memory"},
+         {"imports are written", "imports_keep_the_rights", "an import of read-only memory"},
+         {"outlives its exporter", "imports_end_with_the_exporter", "could be read after"},
+         {"reads what came later", "running_transfers_end_with_the_exporter", "after the end"},
+         {"writes at its close", "running_transfers_end_with_the_exporter",
+          "after it had returned"},
+         {"crashes elsewhere", "other_processes_import",
+          "in the second process: the process * while importing a block"},
+         {"stays in its process", "other_processes_import", "refused by ROVA_ERROR_NOT_FOUND"},
+         {"keeps the adapter", "adapter_is_given_back", "the adapter's use count was"},
+         {"leaks a descriptor", "descriptors_are_given_back", "64 more file descriptors are open"},
+     }},
+};
+
+struct conformance_fault : conformance, testing::WithParamInterface<fault_group> {};
+
+INSTANTIATE_TEST_SUITE_P(all, conformance_fault, testing::ValuesIn(groups),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_P(conformance_fault, fails_one_check_which_says_what_it_saw)
 {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "takes more than a minute, and starts no thread that other tests do not";
 #endif
-    const char* const rows[][3] = {
-        {"nameless codes", "error_codes_have_names", "the name of code 0 is NULL"},
-        {"small pages", "page_size_is_the_systems", "gave 64 instead of"},
-        {"source 0", "log_sources_are_not_zero", "register_source gave the number 0"},
-        {"headers log as 0", "log_sources_are_not_zero", "header_source gave 0"},
-        {"drivers fail as unknown", "exceptions_become_their_codes", "became ROVA_ERROR_UNKNOWN"},
-        {"no memory is unexpected", "exceptions_become_their_codes", "bad_alloc became *UNEXPECT"},
-        {"needs a place", "exceptions_become_their_codes", "from an unknown place"},
-        {"others succeed", "exceptions_become_their_codes", "runtime_error became ROVA_SUCCESS"},
-        {"no adapter", "adapter_is_there", "get_tlox_adapter gave null"},
-        {"close fails", "adapter_is_there", "closing the device gave ROVA_ERROR_IN_USE"},
-        {"null handle", "registering_gives_a_handle", "returned a null handle"},
-        {"loses memory", "registering_gives_a_handle", "memory was lost"},
-        {"ends nothing", "registering_gives_a_handle", "closing the device gave ROVA_ERROR_IN_USE"},
-        {"ends twice", "deregistering_ends", "an ended registration again gave ROVA_SUCCESS"},
-        {"ends strangers", "unknown_handles_are_refused", "the null handle gave ROVA_SUCCESS"},
-        {"one id", "ids_are_unique", "have the id 7"},
-        {"refusal of SUCCESS", "refusals_are_exceptions", "carries the code ROVA_SUCCESS"},
-        {"takes what wraps", "refusals_are_exceptions", "round the address space was registered"},
-        {"ends another", "refusals_change_nothing", ""},
-        {"reads the first byte", "memory_is_reached_by_id", "the last byte was not read"},
-        {"reads past the end", "nothing_else_is_reached", "2 bytes were read at 4095 of 4096"},
-        {"rights ignored", "rights_are_enforced", "memory for only reading could be written"},
-        {"closes the dma-buf", "dmabuf_stays_the_callers", "the descriptor was closed"},
-        {"offset 0", "dmabuf_offset_counts", "the byte at the offset was not read"},
-        {"exports nothing", "export_gives_a_block", "is empty"},
-        {"dead export of SUCCESS", "dead_handles_are_not_exported", "with the code ROVA_SUCCESS"},
-        {"keeps what is released", "release_spends_the_handle", "handle gave ROVA_SUCCESS"},
-        {"release ends", "release_does_not_end", "could not be read any more"},
-        {"one import id", "import_makes_a_registration", "share a handle or an id"},
-        {"other lengths without a code", "wrong_sizes_are_refused",
-         "a block of 0 bytes * by std::runtime_error (\"block size\") without a code"},
-        {"ignores lengths", "wrong_sizes_are_refused", "the process * while importing a block of "},
-        {"grants all to the damaged", "damaged_blocks_are_harmless", "gave write access"},
-        {"imports a copy", "imports_reach_the_same_memory", "does not read the memory"},
-        {"imports are written", "imports_keep_the_rights", "an import of read-only memory"},
-        {"outlives its exporter", "imports_end_with_the_exporter", "could be read after"},
-        {"reads what came later", "running_transfers_end_with_the_exporter", "after the end"},
-        {"writes at its close", "running_transfers_end_with_the_exporter", "after it had returned"},
-        {"crashes elsewhere", "other_processes_import",
-         "in the second process: the process * while importing a block"},
-        {"stays in its process", "other_processes_import", "refused by ROVA_ERROR_NOT_FOUND"},
-        {"keeps the adapter", "adapter_is_given_back", "the adapter's use count was"},
-        {"leaks a descriptor", "descriptors_are_given_back", "64 more file descriptors are open"},
-    };
-    for (const auto& [name, check, seen] : rows) {
+    for (const auto& [name, check, seen] : GetParam().rows) {
         fault = name;
         const auto [text, failed] = run(spoilt_platform());
         EXPECT_EQ(failed, check + std::string(" ")) << name;
