@@ -598,9 +598,12 @@ TEST_F(fabric_peers, moves_nothing_once_a_deregistration_has_returned)
         const registration region = device.import(other.m_blocks[0]);
         std::string data(memory.m_size, 'n');
         std::thread transfer([&, reads = reading] {
-            const rova_error_t code = reads ? rova_platform_dev_read(device.m_dev, region.second, 0,
-                                                                     data.data(), data.size())
-                                            : device.write(region.second, 0, data);
+            rova_error_t code = ROVA_SUCCESS;
+            while (code == ROVA_SUCCESS) {  // so that one is under way, however late the other is
+                code = reads ? rova_platform_dev_read(device.m_dev, region.second, 0, data.data(),
+                                                      data.size())
+                             : device.write(region.second, 0, data);
+            }
             expect_match(explained(code), "NOT_FOUND*deregistered");
         });
         while (glance_at(reading ? data.data() : memory.m_text) != (reading ? 'o' : 'n')) {
@@ -749,7 +752,7 @@ TEST_F(fabric, can_be_opened_in_a_child_that_was_forked_while_a_thread_was_loadi
         std::this_thread::yield();
     }
     peer child(false, [=](const channel&) {
-        ::alarm(20);
+        ::alarm(120);
         const fabric_device device(here);
     });
     has_forked.set_value();

@@ -92,7 +92,7 @@ bool holds_in_a_child(const call& task)
 {
     const pid_t pid = ::fork();
     if (pid == 0) {
-        ::alarm(30);
+        ::alarm(120);
         task();
         ::_exit(testing::Test::HasFailure() ? 1 : 0);
     }

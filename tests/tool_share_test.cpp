@@ -346,6 +346,7 @@ TEST_F(umem_tool, reads_and_writes_memory_of_another_host)
               m_bytes.substr(0, 3) + "12345" + m_bytes.substr(8));
     expect("read descriptor --allow 10.0.0.0/8" + device, 4, "allow it with --allow");
     kill(share.m_pid, SIGSTOP);
+    EXPECT_EQ(waitpid(share.m_pid, nullptr, WUNTRACED), share.m_pid);
     expect("read descriptor --time-limit 1" + device, 6, "TIME_OUT");
     EXPECT_EQ(share.end_with(SIGKILL), -SIGKILL);
     expect("inspect --live descriptor" + device, 3, "live: gone");
