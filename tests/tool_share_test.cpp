@@ -95,18 +95,18 @@ TEST_F(umem_tool, an_exporter_in_a_container_is_told_from_one_that_has_ended)
 
 TEST_F(umem_tool, several_files_have_a_descriptor_each)
 {
-    put("second", "2");
-    expect("share file second --out descriptor", 2, "is not a folder");
+    put("[second]", "2");
+    expect("share file [second] --out descriptor", 2, "is not a folder");
     std::filesystem::create_directory("folder");
-    process share("share file second --out folder/ --json", "]}\n");
-    EXPECT_EQ(run("read folder/second.desc").first, "2");
+    process share("share file [second] --out folder/ --json", "]}\n");
+    EXPECT_EQ(run("read folder/[second].desc").first, "2");
     EXPECT_EQ(run("read folder/file.desc").first, m_bytes);
     EXPECT_EQ(share.end_with(SIGTERM), -SIGTERM);
     EXPECT_TRUE(std::filesystem::is_empty("folder"));
 
     std::filesystem::copy("file", "folder/file");
     expect("share file folder/file --out folder", 2, "the same name");
-    const std::string json = run("share file second --out folder --seconds 1 --json").first;
+    const std::string json = run("share file [second] --out folder --seconds 1 --json").first;
     EXPECT_EQ(json_value(json, "/regions/1/bytes"), "1");
     EXPECT_EQ(json_value(json, "/regions/0/descriptor"), R"("folder\/file.desc")");
 }

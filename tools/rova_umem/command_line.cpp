@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <functional>
 #include <sstream>
+#include <string_view>
 
 #include <CLI/CLI.hpp>
 
@@ -162,6 +163,21 @@ int take_the_rest(int argc, char** argv, options& given)
     return argc;
 }
 
+/**
+ * The arguments, last one first, as the parser takes them. It would take the file [a,b] for two, a
+ * and b; a name in brackets is always relative, so ./ in front of it names the same file.
+ */
+std::vector<std::string> arguments_for_parser(int argc, char** argv)
+{
+    std::vector<std::string> arguments;
+    for (int i = argc - 1; i > 0; --i) {
+        const std::string_view text = argv[i];
+        const bool in_brackets = !text.empty() && text.front() == '[' && text.back() == ']';
+        arguments.push_back((in_brackets ? "./" : "") + std::string(text));
+    }
+    return arguments;
+}
+
 }  // namespace
 
 int run_command_line(int argc, char** argv)
@@ -179,7 +195,7 @@ int run_command_line(int argc, char** argv)
     }
     const int own_arguments = take_the_rest(argc, argv, given);
     try {
-        app.parse(own_arguments, argv);
+        app.parse(arguments_for_parser(own_arguments, argv));
     } catch (const CLI::ParseError& error) {
         std::ostringstream help;
         std::ostringstream complaints;
