@@ -104,18 +104,24 @@ bool sees_all_processes()
            access("/proc/1/stat", R_OK) == 0;
 }
 
-time_t seconds_of(clockid_t clock)
+constexpr int64_t second_in_ns = 1'000'000'000;
+
+int64_t nanoseconds_of(clockid_t clock)
 {
     timespec now{};
-    return clock_gettime(clock, &now) == 0 ? now.tv_sec : 0;
+    clock_gettime(clock, &now);  // never fails
+    return now.tv_sec * second_in_ns + now.tv_nsec;
 }
 
 /** A start time as a date, "2026-01-31 12:00:00" in local time. */
 std::string date_of(uint64_t start_time)
 {
     const auto ticks_per_second = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));  // never fails
-    const time_t start = seconds_of(CLOCK_REALTIME) - seconds_of(CLOCK_BOOTTIME) +
-                         static_cast<time_t>(start_time / ticks_per_second);
+    // Rounded at the end only, so that a process has the same date each time.
+    const int64_t boot = nanoseconds_of(CLOCK_REALTIME) - nanoseconds_of(CLOCK_BOOTTIME);
+    const uint64_t ticks = start_time % ticks_per_second;
+    const int64_t rest = boot + static_cast<int64_t>(ticks * second_in_ns / ticks_per_second);
+    const time_t start = static_cast<time_t>(start_time / ticks_per_second) + rest / second_in_ns;
     tm date{};
     char text[64] = "";
     if (localtime_r(&start, &date) == nullptr ||
