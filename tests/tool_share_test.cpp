@@ -123,6 +123,7 @@ TEST_F(umem_tool, shares_for_as_long_as_a_command_runs)
     expect("share file --command ./none", 127, "cannot start './none'");
     expect("share file --command ./file", 126, "Permission denied; check its permissions");
     expect("share file --command", 2, "needs the name of a program");
+    expect("share file --command true", 1, "set TMPDIR to one", "TMPDIR=/none");
     // A signal is passed on to the program, and the share ends with it.
     mkfifo("fifo", 0600);
     process waiting(
@@ -338,6 +339,7 @@ TEST_F(umem_tool, reads_and_writes_memory_of_another_host)
     share.output("Serving");
     expect("read descriptor", 2, "give the address of this host");
     expect("inspect descriptor --brief", 0, "another host: 127.0.0.1:");
+    EXPECT_FALSE(has(run("2>&1 inspect descriptor --verbose").first, "error CORE::"));
     expect("inspect descriptor --live", 2, "finding: intact");
     const std::string device = " --device fabric:127.0.0.2 ";
     put("input", "12345");

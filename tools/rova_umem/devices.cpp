@@ -184,6 +184,9 @@ rova_platform_block_kind kind_of_block(const byte_vector& block)
 
 std::optional<rova_soft_block_info> explain_soft_block(const byte_vector& block)
 {
+    if (kind_of_block(block) != ROVA_PLATFORM_BLOCK_SOFT) {
+        return std::nullopt;
+    }
     rova_soft_block_info info{};
     const rova_error_t code = rova_soft_block_explain(block.data(), block.size(), &info);
     static_cast<void>(take_log());
@@ -192,6 +195,9 @@ std::optional<rova_soft_block_info> explain_soft_block(const byte_vector& block)
 
 std::optional<rova_fabric_block_info> explain_fabric_block(const byte_vector& block)
 {
+    if (kind_of_block(block) != ROVA_PLATFORM_BLOCK_FABRIC) {
+        return std::nullopt;
+    }
     const fabric_platform& platform = fabric_platform::instance();
     rova_fabric_block_info info{};
     const bool is_explained = platform.error().empty() &&

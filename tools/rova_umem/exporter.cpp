@@ -246,8 +246,7 @@ json_ptr exporter_json(const byte_vector& block)
     if (const auto info = explain_soft_block(block)) {
         return soft_json(*info);
     }
-    const bool is_fabric = kind_of_block(block) == ROVA_PLATFORM_BLOCK_FABRIC;
-    const auto info = is_fabric ? explain_fabric_block(block) : std::nullopt;
+    const auto info = explain_fabric_block(block);
     return info ? fabric_json(*info) : nullptr;
 }
 
