@@ -21,6 +21,12 @@
 namespace tool {
 namespace {
 
+bool is_folder(const std::string& path)
+{
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 /** A temporary folder for descriptors when --out is not given; removed at the end. */
 class temporary_folder {
 public:
@@ -28,6 +34,10 @@ public:
     {
         const char* place = std::getenv("TMPDIR");
         const std::string parent = place != nullptr && *place == '/' ? place : "/tmp";
+        if (!is_folder(parent)) {
+            throw failure("there is no folder " + in_quotes(parent) +
+                          " for the descriptors; set TMPDIR to one, or name a file with --out");
+        }
         m_path = parent + "/" + random_name("rova_umem.");
         m_leftover = std::make_unique<leftover>(open_folder_of(m_path), name_in_folder(m_path),
                                                 std::nullopt, leftover::kind::folder);
@@ -43,12 +53,6 @@ private:
     std::string m_path;
     std::unique_ptr<leftover> m_leftover;
 };
-
-bool is_folder(const std::string& path)
-{
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
 
 /** The descriptor's path for each file, in the order of the files. */
 std::vector<std::string> descriptor_paths(const options& given, const std::string& folder)
