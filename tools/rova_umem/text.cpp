@@ -141,12 +141,6 @@ std::string count(uint64_t number, const std::string& noun)
     return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
 }
 
-std::string count_with_verb(uint64_t number, const std::string& noun, const std::string& one,
-                            const std::string& several)
-{
-    return count(number, noun) + " " + (number == 1 ? one : several);
-}
-
 std::optional<uint64_t> parse_number(std::string_view text)
 {
     const bool hexadecimal = text.substr(0, 2) == "0x";

@@ -37,10 +37,6 @@ std::string hex_bytes(const uint8_t* data, size_t size);
 /** "1 byte", "2 bytes". */
 std::string count(uint64_t number, const std::string& noun);
 
-/** "1 byte", "1 file" and the verb that goes with it: "1 byte is", "2 bytes are". */
-std::string count_with_verb(uint64_t number, const std::string& noun, const std::string& one,
-                            const std::string& several);
-
 /**
  * A number as people type it: decimal digits, or hexadecimal ones after 0x. With a suffix K, M, G
  * or T, in either case, it counts in units of 1024, 1024^2 and so on. Nothing when it is none of

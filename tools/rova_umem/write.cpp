@@ -41,12 +41,11 @@ byte_source open_source(const options& given)
 
 [[noreturn]] void fail_for_length(const std::string& what, uint64_t written, exit_code code)
 {
-    throw failure(
-        what + "; " +
-            (written == 0 ? "nothing has been written"
-                          : "the first " + count_with_verb(written, "byte", "has", "have") +
-                                " been written"),
-        code);
+    throw failure(what + "; " +
+                      (written == 0 ? "nothing has been written"
+                                    : "the first " + count(written, "byte") +
+                                          (written == 1 ? " has" : " have") + " been written"),
+                  code);
 }
 
 /** Writes the input to one range of a region, and keeps within it. */
