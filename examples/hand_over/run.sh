@@ -10,7 +10,8 @@ exporter=$!
 exec 3>"$folder/to_exporter" 4<"$folder/from_exporter"
 read -r line <&4
 echo "exporter: $line"
-"$2" "$folder/descriptor" | sed 's/^/importer: /'
+"$2" "$folder/descriptor" >"$folder/from_importer"
+sed 's/^/importer: /' "$folder/from_importer"
 exec 3>&-
 read -r line <&4
 echo "exporter: $line"
