@@ -43,7 +43,9 @@ void take(const block_bytes& block)
         require(fabric::reason_against(parsed.address) == nullptr,
                 "its address can be connected to");
         require(explained == ROVA_SUCCESS && parsed.address.text() == info.address &&
-                    parsed.provider == info.provider && parsed.record.size == info.size,
+                    parsed.port == info.port && parsed.provider == info.provider &&
+                    parsed.record.size == info.size &&
+                    parsed.record.access_flags == info.access_flags,
                 "it is explained as it is read");
     } catch (const rova::exception& refused) {
         require(explained == refused.error_code(), "a refusal has one code");
