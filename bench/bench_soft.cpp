@@ -306,7 +306,7 @@ void add_registering(table& rows)
         kernel_can_be_asked = false;
         rows.compare(
             "register, 2,000 other mappings, Linux < 6.11",
-            [&] { return time_of_registering(device, 50); }, "a bare read of /proc/self/maps",
+            [&] { return time_of_registering(device, 50); }, "a read of /proc/thread-self/maps",
             [] { return time_of_reading_map(50); }, turns, "ns", 1.5);
         kernel_can_be_asked = true;
     }

@@ -62,9 +62,7 @@ void count_all(size_t length)
 {
     bench::scripted_device device(length);
     const bench::region region = device.make_region();
-    void* bytes = nullptr;
-    size_t bytes_length = 0;
-    const auto ask = [&] { priv_rova_umem_export(region.get(), &bytes, &bytes_length); };
+    const auto ask = [&] { bench::ask_for_descriptor(region.get()); };
     count("export", length, ask);
     count("export_again", length, ask);
 

@@ -51,11 +51,11 @@ double median(std::vector<double> values)
 
 void print_table(const std::vector<row>& rows)
 {
-    std::printf("%-46s %-34s %12s %12s %7s %8s\n", "what", "beside", "ours", "beside", "ratio",
-                "at most");
+    std::printf("%-46s %-34s %12s %12s %-5s %7s %8s\n", "what", "beside", "ours", "beside", "unit",
+                "ratio", "at most");
     for (const row& line : rows) {
-        std::printf("%-46s %-34s %12.1f %12.1f %7.3f ", line.what.c_str(), line.beside.c_str(),
-                    line.ours, line.floor, line.ratio);
+        std::printf("%-46s %-34s %12.1f %12.1f %-5s %7.3f ", line.what.c_str(), line.beside.c_str(),
+                    line.ours, line.floor, line.unit.c_str(), line.ratio);
         if (line.at_most) {
             std::printf("%8.2f %s\n", *line.at_most, line.met() ? "" : "MISSED");
         } else {
