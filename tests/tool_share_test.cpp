@@ -124,6 +124,7 @@ TEST_F(umem_tool, shares_for_as_long_as_a_command_runs)
     expect("share file --command ./file", 126, "Permission denied; check its permissions");
     expect("share file --command", 2, "needs the name of a program");
     expect("share file --command true", 1, "set TMPDIR to one", "TMPDIR=/none");
+    expect("share file --command true", 1, "File too large", "prlimit --fsize=100");
     // A signal is passed on to the program, and the share ends with it.
     mkfifo("fifo", 0600);
     process waiting(

@@ -46,12 +46,7 @@ public:
     spawn_signals()
     {
         posix_spawnattr_init(&m_attributes);  // never fails here
-        sigset_t defaults;
-        sigemptyset(&defaults);
-        if (!ignores_broken_pipes()) {
-            sigaddset(&defaults, SIGPIPE);
-        }
-        posix_spawnattr_setsigdefault(&m_attributes, &defaults);
+        posix_spawnattr_setsigdefault(&m_attributes, &signals_ignored_here());
         posix_spawnattr_setsigmask(&m_attributes, &original_signal_mask());
         posix_spawnattr_setflags(&m_attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
     }

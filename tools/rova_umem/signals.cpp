@@ -41,7 +41,7 @@ namespace {
 constexpr std::array<int, 4> ending_signals{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 sigset_t original_mask;
-bool broken_pipes_are_ignored = false;
+sigset_t ignored_here;
 
 /** Those of the ending signals that the program was not started to ignore. */
 sigset_t signals_to_wait_for()
@@ -79,8 +79,13 @@ sigset_t signals_to_wait_for()
 void prepare_signals()
 {
     pthread_sigmask(SIG_SETMASK, nullptr, &original_mask);
-    // A closed pipe is then a write that fails.
-    broken_pipes_are_ignored = std::signal(SIGPIPE, SIG_IGN) == SIG_IGN;
+    // A closed pipe, or a file that has reached its limit (ulimit -f), is then a write that fails.
+    sigemptyset(&ignored_here);
+    for (const int number : {SIGPIPE, SIGXFSZ}) {
+        if (std::signal(number, SIG_IGN) != SIG_IGN) {
+            sigaddset(&ignored_here, number);
+        }
+    }
     // A parent that ignores SIGCHLD passes that on, and children could not be waited for.
     std::signal(SIGCHLD, SIG_DFL);
 }
@@ -90,9 +95,9 @@ const sigset_t& original_signal_mask()
     return original_mask;
 }
 
-bool ignores_broken_pipes()
+const sigset_t& signals_ignored_here()
 {
-    return broken_pipes_are_ignored;
+    return ignored_here;
 }
 
 void remove_leftovers_on_signals()

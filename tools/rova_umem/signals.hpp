@@ -24,8 +24,8 @@ void prepare_signals();
 /** The signal mask that this program was started with. Programs that it starts get it, too. */
 const sigset_t& original_signal_mask();
 
-/** Whether this program was started to ignore SIGPIPE, so that its children have to do the same. */
-bool ignores_broken_pipes();
+/** The signals that this program ignores only for itself. Programs that it starts do not. */
+const sigset_t& signals_ignored_here();
 
 /**
  * From here on a signal that would end the program first removes every leftover, and then ends it.
