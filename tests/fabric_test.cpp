@@ -328,6 +328,17 @@ void raise_alarms(suseconds_t every_ms)
     EXPECT_EQ(::setitimer(ITIMER_REAL, &timer, nullptr), 0);
 }
 
+/** The kernel may take a second to use a link that is up again. */
+void wait_until_reachable(const socket_address& there)
+{
+    int error = 0;
+    do {
+        const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        error = ::connect(socket, there.get(), there.length());
+        ::close(socket);
+    } while (error != 0);
+}
+
 const mishap mishaps[] = {
     {"deregistered", [](exporter& other) { EXPECT_EQ(other.ask("0"), "ended"); },
      "NOT_FOUND*nothing listens*deregistered", [](exporter&) {}},
@@ -341,7 +352,12 @@ const mishap mishaps[] = {
      "TIME_OUT*not answered for 2000 ms*stopped", [](exporter& other) { other.signal(SIGCONT); },
      true},
     {"link down here", [](exporter&) { EXPECT_TRUE(two_hosts::run("ip link set rova0 down")); },
-     "NOT_CONNECTED*no route*", [](exporter&) { two_hosts::run("ip link set rova0 up"); }, true},
+     "NOT_CONNECTED*no route*",
+     [](exporter& other) {
+         EXPECT_TRUE(two_hosts::run("ip link set rova0 up"));
+         wait_until_reachable(exporter_in(other.m_blocks[1]));
+     },
+     true},
     {"packets lost while signals arrive",
      [](exporter&) {
          EXPECT_TRUE(
