@@ -122,7 +122,7 @@ TEST(soft_share, reaches_another_process_s_memory_while_the_exporter_and_the_ker
     // Root tries as another user; any other user must be forbidden its own processes.
     ASSERT_EQ(::prctl(PR_SET_DUMPABLE, 0), 0);
     const auto mount_proc = [](const char* type, const char* options) {
-        return ::mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) == 0 &&
+        return ::mount("", "/proc", "", MS_PRIVATE, nullptr) == 0 &&
                ::mount("", "/proc", type, 0, options) == 0;
     };
     for (const bool hidden : {false, true}) {

@@ -15,9 +15,6 @@
 namespace tool {
 namespace {
 
-constexpr uint32_t known_payload_major = 1;
-constexpr uint32_t known_payload_minor = 1;
-
 /** Fills a report from the front of the descriptor to its end, as an importer reads it. */
 class examiner {
 public:
@@ -213,10 +210,10 @@ private:
         }
         const std::string name =
             "payload version " + std::to_string(*major) + "." + std::to_string(*minor);
-        if (*major != known_payload_major) {
+        if (*major != core::sc_umem_export_major_version) {
             add_defect(offset_of_member(key::version),
                        name + " is not one that this program reads");
-        } else if (*minor > known_payload_minor) {
+        } else if (*minor > core::sc_umem_export_minor_version) {
             m_report.remarks.add(name + ": a later minor version, which is readable");
         }
     }

@@ -108,8 +108,9 @@ bool is_proc_usable()
     if (error == EACCES || error == EPERM) {
         platform::fail(ROVA_ERROR_NOT_PERMITTED, ROVA_HERE,
                        "the kernel forbids access to the memory of process %" PRIu64
-                       ": run both processes as the same user, and if kernel.yama.ptrace_scope is "
-                       "not 0, set it to 0 (sysctl kernel.yama.ptrace_scope=0)",
+                       ": run both processes as the same user; where kernel.yama.ptrace_scope is "
+                       "1, the exporter has to allow it with prctl(PR_SET_PTRACER), and where it "
+                       "is higher, only an administrator can",
                        name.pid);
     }
     platform::fail(error == ENOMEM ? ROVA_ERROR_NO_MEMORY : ROVA_ERROR_OPERATING_SYSTEM, ROVA_HERE,

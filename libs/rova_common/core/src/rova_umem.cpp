@@ -40,10 +40,6 @@ __attribute__((constructor(101))) void register_log_source()
     rova_log_register_source("CORE::ROVA_UMEM", &log_source);
 }
 
-const uint8_t sc_umem_export_major_version = 1;
-const uint8_t sc_umem_export_minor_version = 1;
-const uint8_t sc_umem_export_major_1 = 1;
-
 #define LOG_AT(level, ...) \
     priv_rova_log_developer(level, log_source, __FILE__, __LINE__, __func__, __VA_ARGS__)
 
@@ -90,9 +86,9 @@ void reclaim(object* owned)
 
 rova_error_t validate_export_blob_version(uint8_t major, uint8_t /*minor*/)
 {
-    if (major > sc_umem_export_major_version) {
+    if (major > core::sc_umem_export_major_version) {
         LOG_ERROR("Failed to export blob version: unknown major version=%u > supported major=%u",
-                  unsigned{major}, unsigned{sc_umem_export_major_version});
+                  unsigned{major}, unsigned{core::sc_umem_export_major_version});
         return ROVA_ERROR_UNSUPPORTED_VERSION;
     }
     return ROVA_SUCCESS;
@@ -464,7 +460,7 @@ try {
     if (code != ROVA_SUCCESS) {
         return code;
     }
-    if (major == sc_umem_export_major_1) {
+    if (major == core::sc_umem_export_major_1) {
         return import_export_blob_major_1(importer);
     }
     LOG_DEBUG("UMEM %p: Unknown export blob major version: %u", static_cast<void*>(this), major);
@@ -501,8 +497,8 @@ try {
     }
 
     core::priv_rova_exporter exporter;
-    exporter[keys::version] = {{keys::version_major, sc_umem_export_major_version},
-                               {keys::version_minor, sc_umem_export_minor_version}};
+    exporter[keys::version] = {{keys::version_major, core::sc_umem_export_major_version},
+                               {keys::version_minor, core::sc_umem_export_minor_version}};
     exporter[keys::size] = m_size;
     exporter[keys::page_size] = m_page_size;
     exporter[keys::access_flags] = m_access_flags;

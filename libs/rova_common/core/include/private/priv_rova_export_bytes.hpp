@@ -104,6 +104,11 @@ inline uint32_t descriptor_checksum(const uint8_t* blob, size_t blob_length)
 /** The key of the payload's first byte, for priv_rova_utils_scramble_descramble. */
 inline constexpr char scrambling_key = 0x4E;
 
+/** The version of the payload that is written, and the highest major version that is read. */
+inline constexpr uint8_t sc_umem_export_major_version = 1;
+inline constexpr uint8_t sc_umem_export_minor_version = 1;
+inline constexpr uint8_t sc_umem_export_major_1 = 1;
+
 /** The names of the payload's members. */
 namespace payload_key {
 
