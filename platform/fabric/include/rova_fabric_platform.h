@@ -64,8 +64,8 @@ struct rova_fabric_options {
      * How long an import, a read or a write may wait for the exporter without progress, in
      * milliseconds. A transfer is split into pieces of at most 1 MiB, and each piece that arrives
      * restarts the time. Threads that use the same region take turns; waiting behind others, whose
-     * transfers make progress, does not count, nor does time in which the importer's process was
-     * stopped or had no processor. 0: 5,000.
+     * transfers make progress, does not count. Of each time in which this process was stopped, or
+     * had no processor, at most 250 ms count, except while it connects. 0: 5,000.
      */
     uint32_t timeout_ms;
 };
@@ -100,7 +100,8 @@ struct rova_fabric_options {
  *  - ROVA_ERROR_DRIVER: libfabric failed for another reason, which is in the log.
  *
  * A failed read fills its destination with zeros, or leaves it untouched. A failed write may have
- * written any part of its range.
+ * written any part of its range, and what was sent before it failed may still arrive later, even
+ * after other writes.
  *
  * @param options  how to open the device.
  * @param dev      receives the device.

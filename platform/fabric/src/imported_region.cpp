@@ -109,6 +109,10 @@ void imported_region::connect()
         if (seen != ending::stuck) {
             give_up(seen);
         }
+        if (m_device.used_provider().may_use_callers_memory()) {
+            // It could report a refused operation once more, and that be taken for a later one.
+            made.reset();
+        }
         if (made == nullptr) {
             made = std::make_unique<connection>(m_device, m_block);
         }

@@ -115,9 +115,9 @@ std::optional<ending> patience::verdict()
     if (waited >= m_device.timeout()) {
         return m_seen;
     }
-    if (waited >= m_next_look) {
-        m_seen = look_at(m_device, m_address, m_port,
-                         std::min(m_device.timeout() - waited, longest_look));
+    const auto left = m_device.timeout() - waited;
+    if (waited >= m_next_look && left >= first_look) {
+        m_seen = look_at(m_device, m_address, m_port, std::min(left, longest_look));
         m_next_look = 2 * waited;
     }
     const bool is_final = m_seen == ending::absent || m_seen == ending::unreachable;

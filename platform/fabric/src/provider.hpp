@@ -62,11 +62,11 @@ public:
 
     /**
      * Whether it may be given the caller's memory, which has to be out of use when the call
-     * returns: after a time-out, only closing the endpoint can see to that. "sockets" has a thread
-     * of its own that may still be using the memory, an endpoint of ofi_rxm cannot always be
-     * closed, and hardware needs the memory registered.
+     * returns: after a time-out, only closing the endpoint can see to that. "sockets" moves
+     * bytes in a thread of its own, an endpoint of ofi_rxm cannot always be closed, hardware needs
+     * the memory registered, and "tcp" was never tried.
      */
-    bool may_use_callers_memory() const { return name() == "net" || name() == "tcp"; }
+    bool may_use_callers_memory() const { return name() == "net" && !needs_local_registration(); }
 
 private:
     bool has_mode(int bit) const { return (m_info->domain_attr->mr_mode & bit) != 0; }
